@@ -29,7 +29,7 @@ using NoSpaceCallback = void (*)(void* user);
 /// thread at a time; callbacks arrive on the library's threads. Every operation returns a
 /// DVS_ERROR (0 = success); an operation the object's kind does not support returns 10.
 class EVCAM_API DVS {
-public:
+  public:
     /// Sets a parameter from caller memory of the type the selector names (see PARA_TYPE).
     /// @return 0; 1 for a null value or one out of range; 201 for a change refused while
     ///         running; 10 for a selector this kind does not take.

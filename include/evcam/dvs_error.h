@@ -53,7 +53,7 @@ enum PARA_TYPE : uint32_t {
     PARA_WORK_MODE = 15,        ///< uint32: device 0..1, file 2..5
     PARA_COLOR_FORMAT = 16,     ///< uint32 COLOR_FORMAT
     PARA_COLORS = 17,           ///< DVSCommonColors (12 bytes)
-    PARA_FILE_PERCENT = 18,     ///< float: playback position in per cent (file)
+    PARA_FILE_PERCENT = 18,     ///< float 0.0..1.0: playback position as a fraction of the file
     PARA_PLAY_MODE = 19,        ///< PLAY_MODE (file)
     PARA_PARSED_BYTES = 20,     ///< uint64: raw bytes parsed since reset (file)
 };
@@ -173,10 +173,14 @@ inline const std::map<int, const char*> Ver2StrMap = {
 };
 
 /// True when the version carries the stereo bit (value 16).
-constexpr bool IsStereoVersion(int version) { return (version & 16) != 0; }
+constexpr bool IsStereoVersion(int version) {
+    return (version & 16) != 0;
+}
 
 /// True when the version is one the kit decodes (1 or 17).
-constexpr bool IsKnownVersion(int version) { return version == MVT94QX || version == MVT94QX_STEREO; }
+constexpr bool IsKnownVersion(int version) {
+    return version == MVT94QX || version == MVT94QX_STEREO;
+}
 
 /// Native size of a version through IMAGESIZE; (0, 0) for unknown or out-of-table versions.
 EVCAM_API void GetVersionSize(int version, int32_t& width, int32_t& height);

@@ -14,7 +14,7 @@ namespace evcam {
 /// CreateDVS and DeleteDVS may be called from any thread; a failure to take the registry
 /// lock is thrown as std::system_error (the only exception that crosses the interface).
 class EVCAM_API DVSManager {
-public:
+  public:
     /// Makes an object: DVS_FX20 / DVS_FX3 a live device (slot 0, else 1), DVS_FILE the file
     /// object. @return the object, owned by the manager until DeleteDVS; null when the type is
     ///         above 2 or no slot of that kind is free.
@@ -39,11 +39,10 @@ public:
 
     DVSManager() = delete;
 
-private:
+  private:
     static std::mutex mtx;
     static DVS* mObjArray[3];
     static bool mIsOccupy[3];
-    static bool mIsInit;
 };
 
 }  // namespace evcam

@@ -16,7 +16,7 @@ namespace evcam {
 
 /// A plain mutex. Lock() throws std::system_error when pthread_mutex_lock fails.
 class EVCAM_API DVSLock {
-public:
+  public:
     DVSLock();
     ~DVSLock();
     DVSLock(const DVSLock&) = delete;
@@ -24,14 +24,14 @@ public:
     void Lock();
     void Unlock();
 
-private:
+  private:
     pthread_mutex_t mMutex;
 };
 
 /// A reader/writer lock. Every RWLock shares one thread-local marker of what the calling
 /// thread last did (0 nothing held, 1 read, 2 write); EDEADLK is thrown as std::system_error.
 class EVCAM_API RWLock {
-public:
+  public:
     RWLock();
     ~RWLock();
     RWLock(const RWLock&) = delete;
@@ -42,7 +42,7 @@ public:
     /// The calling thread's marker (0, 1 or 2).
     static int held();
 
-private:
+  private:
     pthread_rwlock_t mLock;
 };
 

@@ -9,16 +9,23 @@
 
 namespace evcam {
 
+/// Event::type values.
+constexpr int32_t kEventPixels = 0;    ///< pixel events in coords
+constexpr int32_t kEventFrameEnd = 2;  ///< end-of-frame marker sent by the sensor
+/// The last block of a play-once recording has been decoded: nothing follows, so the packager
+/// closes the frame it holds open instead of waiting for an event that never comes.
+constexpr int32_t kEventEndOfPass = 3;
+
 /// One decoded group of sensor events, as the parser hands it to the packager.
 /// Passed by pointer and valid only during the call that receives it.
 struct Event {
-    int32_t type = 0;        ///< 0 pixel events, 2 sensor frame-end marker
+    int32_t type = 0;         ///< kEventPixels, kEventFrameEnd or kEventEndOfPass
     uint32_t coords[8] = {};  ///< x in the low 16 bits, y in the high 16 bits
-    int32_t polarity = 0;    ///< 0 or 1 (2 from raw bitmaps); -1 is the background
-    uint32_t dvsId = 0;      ///< identity of the producing device; 2 marks file data
-    uint32_t timestamp = 0;  ///< microseconds on the sensor clock
-    uint8_t channel = 0;     ///< camera index, 0 or 1 (stereo)
-    uint8_t count = 0;       ///< valid entries of coords, 0..8
+    int32_t polarity = 0;     ///< 0 or 1 (2 from raw bitmaps); -1 is the background
+    uint32_t dvsId = 0;       ///< identity of the producing device; 2 marks file data
+    uint32_t timestamp = 0;   ///< microseconds on the sensor clock
+    uint8_t channel = 0;      ///< camera index, 0 or 1 (stereo)
+    uint8_t count = 0;        ///< valid entries of coords, 0..8
 
     static constexpr uint32_t MakeCoord(uint32_t x, uint32_t y) { return (x & 0xFFFF) | (y << 16); }
     static constexpr uint32_t CoordX(uint32_t c) { return c & 0xFFFF; }
@@ -37,7 +44,8 @@ struct DVSCommonColors {
 static_assert(sizeof(DVSCommonColors) == 12, "DVSCommonColors is exchanged as 12 bytes");
 
 /// The default colour set: white for polarity 0, black for polarity 1, grey background.
-constexpr DVSCommonColors kDefaultColors = {{{{255, 255, 255, 0}}, {{0, 0, 0, 0}}, {{128, 128, 128, 0}}}};
+constexpr DVSCommonColors kDefaultColors = {
+    {{{255, 255, 255, 0}}, {{0, 0, 0, 0}}, {{128, 128, 128, 0}}}};
 
 /// One entry of DVSUIData::mEvents: 8 bytes, little-endian.
 struct PackedEvent {
@@ -60,7 +68,7 @@ constexpr int32_t kMaxEventCapacity = 0xA00000;
 /// (constructor with arguments, or Initialize). The record owns its arrays; it is not copyable.
 /// Not thread-safe: one thread uses a record at a time.
 class EVCAM_API DVSUIData {
-public:
+  public:
     DVS_VERSION mVersion = SELECT_VERSION;
     int32_t mDVSID = -1;  ///< dvsId of the last event packaged into the frame
     int32_t mBinSize = 0;
@@ -93,14 +101,16 @@ public:
     DVSUIData& operator=(const DVSUIData&) = delete;
 
     /// Allocates the stores of the forms in outType.
-    /// @return 0; 1 for a version other than 1/17, a mask outside 1..15 or a size below 1;
-    ///         4 when already initialised (the old stores stay).
+    /// @return 0; 1 for a version other than 1/17, a mask outside 1..15, a size below 1 or an
+    ///         image too large for 32-bit sizes; 4 when already initialised (the old stores
+    ///         stay); 8 when memory is short (nothing allocated).
     DVS_ERROR Initialize(DVS_VERSION version, uint32_t outType, int width, int height);
     /// Clears the frame: counters to 0, stores back to their empty state.
     /// @return 0, or 18 before Initialize.
     DVS_ERROR Reset();
     /// Replaces the event list by a zeroed one of n entries (the event count is kept).
-    /// @return 0; 18 before Initialize; 1 for n above 0xA00000 or below 0.
+    /// @return 0; 18 before Initialize; 1 for n above 0xA00000 or below 0; 8 when memory is
+    ///         short (the old list stays).
     DVS_ERROR ResizeEventContainer(int n);
 };
 

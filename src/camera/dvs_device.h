@@ -10,7 +10,7 @@ namespace evcam {
 /// Live camera object. The USB transports it drives are not built yet: every operation that
 /// needs them answers 10 "Non-support operation." rather than pretending to work.
 class DVSDevice : public DVS {
-public:
+  public:
     /// type selects the transport: DVS_FX20 or DVS_FX3.
     explicit DVSDevice(DVS_TYPE type);
     ~DVSDevice() override;
@@ -36,7 +36,7 @@ public:
     static DVS_ERROR ScanFX20Device(USBDevice** list, int& count);
     static DVS_ERROR ScanAllDevices(USBDevice** list, int& count);
 
-private:
+  private:
     DVS_TYPE mType;
 };
 

@@ -70,10 +70,9 @@ const char* GetErrorMsg(DVS_ERROR code) {
 }
 
 const int32_t IMAGESIZE[kVersionTableSize][2] = {
-    {0, 0}, {960, 720}, {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0},
-    {0, 0}, {0, 0},     {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0},
-    {0, 0}, {960, 720}, {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0},
-    {0, 0}, {0, 0},     {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0},
+    {0, 0}, {960, 720}, {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0},     {0, 0}, {0, 0}, {0, 0}, {0, 0},
+    {0, 0}, {0, 0},     {0, 0}, {0, 0}, {0, 0}, {0, 0}, {960, 720}, {0, 0}, {0, 0}, {0, 0}, {0, 0},
+    {0, 0}, {0, 0},     {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0},     {0, 0}, {0, 0}, {0, 0},
 };
 
 void GetVersionSize(int version, int32_t& width, int32_t& height) {
@@ -85,6 +84,8 @@ void GetVersionSize(int version, int32_t& width, int32_t& height) {
     height = IMAGESIZE[version][1];
 }
 
-const char* GetLibraryVersion() { return EVCAM_VERSION_STRING; }
+const char* GetLibraryVersion() {
+    return EVCAM_VERSION_STRING;
+}
 
 }  // namespace evcam

@@ -1,5 +1,8 @@
 #include "evcam/dvs_manager.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "src/camera/dvs_device.h"
 #include "src/camera/dvs_file.h"
 
@@ -12,7 +15,6 @@ constexpr int kFileSlot = 2;
 std::mutex DVSManager::mtx;
 DVS* DVSManager::mObjArray[3] = {nullptr, nullptr, nullptr};
 bool DVSManager::mIsOccupy[3] = {false, false, false};
-bool DVSManager::mIsInit = false;
 
 DVS* DVSManager::CreateDVS(DVS_TYPE type) {
     if (type < DVS_FX20 || type > DVS_FILE) {
@@ -40,6 +42,13 @@ DVS* DVSManager::CreateDVS(DVS_TYPE type) {
 void DVSManager::DeleteDVS(DVS* dvs) {
     if (dvs == nullptr) {
         return;
+    }
+    {
+        // A pointer the manager did not make is ignored rather than called.
+        std::lock_guard<std::mutex> lock(mtx);
+        if (std::find(std::begin(mObjArray), std::end(mObjArray), dvs) == std::end(mObjArray)) {
+            return;
+        }
     }
     // Stop outside the lock so that a long stop does not block other objects' creation.
     dvs->Stop();

@@ -11,7 +11,7 @@ namespace evcam {
 /// lock. Lock order: mFreeLock before mDataLock. Nodes are handed over, never copied.
 template <typename T>
 class BaseDataBuffer {
-public:
+  public:
     BaseDataBuffer() = default;
     virtual ~BaseDataBuffer() = default;
     BaseDataBuffer(const BaseDataBuffer&) = delete;
@@ -27,7 +27,7 @@ public:
     /// Consumer: releases a node it has finished with.
     virtual DVS_ERROR PutANodeToFreeList(T* node) = 0;
 
-protected:
+  protected:
     T* mDataHead = nullptr;  ///< guarded by mDataLock
     T* mFreeHead = nullptr;  ///< guarded by mFreeLock
     T* mDataTail = nullptr;  ///< guarded by mDataLock

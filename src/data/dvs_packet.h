@@ -20,7 +20,7 @@ constexpr uint32_t kNoDVSID = 0xFFFFFFFF;
 /// One block of raw bytes from a source, stamped with the sensor version and the identity of
 /// the device that produced it. Owned by its DVSPack.
 class DVSPacket {
-public:
+  public:
     /// size > 0 allocates that many bytes; otherwise the packet has no store.
     explicit DVSPacket(int size);
     ~DVSPacket();
@@ -36,13 +36,16 @@ public:
     uint8_t* mData = nullptr;
     DVS_VERSION mVersion = SELECT_VERSION;
     uint32_t mDVSID = kNoDVSID;
+    /// The last block of a play-once pass of a recording: the parser announces the end after
+    /// decoding it.
+    bool mEndOfPass = false;
     DVSPacket* mNext = nullptr;  ///< list link, owned by PacketBuffer's locks
     DVSPack* mPack = nullptr;    ///< the node that embeds this packet
 };
 
 /// Pool node: one packet and the number of consumers still holding it.
 class DVSPack {
-public:
+  public:
     explicit DVSPack(int size);
     DVSPack(const DVSPack&) = delete;
     DVSPack& operator=(const DVSPack&) = delete;

@@ -11,7 +11,7 @@
 namespace evcam {
 
 class DVSOutputData {
-public:
+  public:
     DVSOutputData() = default;
     DVSOutputData(DVS_VERSION version, uint32_t outType, int width, int height);
     ~DVSOutputData();
@@ -33,12 +33,14 @@ public:
     void SubtractRefCount();
 
     /// Copies the forms of type that this frame holds into dst (initialised by the caller).
-    /// @return 0; 11 when type shares no bit with the frame; 1 when dst has no stores at all;
-    ///         15 when nothing could be copied.
+    /// The event list is cut to dst's capacity; a pixel form larger than dst's store is not
+    /// copied. Only dst's stores are written.
+    /// @return 0; 1 for a null dst, or when dst has no stores at all; 11 when type shares no
+    ///         bit with the frame; 15 when nothing could be copied; 18 without a record.
     DVS_ERROR CopyTo(uint32_t type, DVSUIData* dst) const;
 
-    DVSUIData* mUIData = nullptr;      ///< owned
-    DVSOutputData* mNext = nullptr;    ///< list link, owned by UIDataBuffer's locks
+    DVSUIData* mUIData = nullptr;    ///< owned
+    DVSOutputData* mNext = nullptr;  ///< list link, owned by UIDataBuffer's locks
     DVSLock mLock;
     uint32_t mRefCount = 0;  ///< guarded by mLock
 };

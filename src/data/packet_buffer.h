@@ -14,7 +14,7 @@ namespace evcam {
 /// A node returns to the free list lazily, in order of arrival, once no active consumer holds
 /// it; one node still held blocks the recycling of every later one.
 class PacketBuffer : public BaseDataBuffer<DVSPacket> {
-public:
+  public:
     /// Makes count nodes of size bytes each and links them into the free list.
     PacketBuffer(int count, int size);
     ~PacketBuffer() override;
@@ -49,18 +49,18 @@ public:
     /// Bytes per node as built.
     int GetNodeSize() const { return mNodeSize; }
 
-private:
+  private:
     /// Moves released nodes from the front of the used list to the free list. Caller holds
     /// mFreeLock; takes mDataLock.
     void RecycleLocked();
 
-    bool mSaveStatus = false;     ///< guarded by mDataLock
-    bool mProcessStatus = false;  ///< guarded by mDataLock
+    bool mSaveStatus = false;        ///< guarded by mDataLock
+    bool mProcessStatus = false;     ///< guarded by mDataLock
     DVSPacket* mSaveHead = nullptr;  ///< guarded by mDataLock
     DVSPacket* mUsedHead = nullptr;  ///< guarded by mDataLock
     int32_t mNodeCount = 0;          ///< guarded by mFreeLock
     int32_t mNodeSize = 0;
-    bool mDropData = true;       ///< guarded by mDataLock
+    bool mDropData = true;         ///< guarded by mDataLock
     std::vector<DVSPack*> mPacks;  ///< every node, owned; guarded by mFreeLock
 };
 

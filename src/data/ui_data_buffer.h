@@ -17,7 +17,7 @@ namespace evcam {
 /// threads, the caller in GetFrame, the exporter) read and release.
 /// Lock order: mFreeLock, then mDataLock, then mHandleLock.
 class UIDataBuffer : public BaseDataBuffer<DVSOutputData> {
-public:
+  public:
     /// count slots of records initialised with (version, outType, width, height); none for
     /// count < 1.
     UIDataBuffer(int count, DVS_VERSION version, uint32_t outType, int width, int height);
@@ -36,9 +36,11 @@ public:
     /// Releases one reference. @return 0, or 1 for null.
     DVS_ERROR PutANodeToFreeList(DVSOutputData* n) override;
 
-    /// Registers a consumer; it sees only frames appended from now on. @return 0.
+    /// Registers a consumer; it sees only frames appended from now on.
+    /// @return 0, or 8 when memory is short.
     DVS_ERROR RegisterDataHandle(void*& handle);
-    /// Unregisters a consumer and releases the frames it never read. Null does nothing. @return 0.
+    /// Unregisters a consumer and releases the frames it never read. Null does nothing.
+    /// @return 0; 1 for a handle that is not registered (never freed twice).
     DVS_ERROR UnregisterDataHandle(void* handle);
     /// Returns the base's default data list to the free list; only while no producer runs.
     DVS_ERROR ResetBuffer();
@@ -50,7 +52,7 @@ public:
     /// Registered consumers.
     int GetHandleCount();
 
-private:
+  private:
     struct Cursor {
         DVSOutputData* next = nullptr;  ///< guarded by mDataLock
     };
@@ -58,7 +60,7 @@ private:
     int32_t mSlotNodes = 1;
     DVSOutputData** mSlots = nullptr;  ///< owned: mNodeCount arrays of mSlotNodes records
     int32_t mNodeCount = 0;
-    uint32_t mHandleCount = 0;  ///< guarded by mHandleLock
+    uint32_t mHandleCount = 0;           ///< guarded by mHandleLock
     DVSOutputData* mUsedHead = nullptr;  ///< guarded by mDataLock
     DVSLock mHandleLock;
     std::list<Cursor*> mHandles;  ///< owned cells; guarded by mHandleLock

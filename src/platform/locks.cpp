@@ -10,9 +10,13 @@ namespace {
 thread_local int tHeld = 0;
 }  // namespace
 
-DVSLock::DVSLock() { pthread_mutex_init(&mMutex, nullptr); }
+DVSLock::DVSLock() {
+    pthread_mutex_init(&mMutex, nullptr);
+}
 
-DVSLock::~DVSLock() { pthread_mutex_destroy(&mMutex); }
+DVSLock::~DVSLock() {
+    pthread_mutex_destroy(&mMutex);
+}
 
 void DVSLock::Lock() {
     const int rc = pthread_mutex_lock(&mMutex);
@@ -21,11 +25,17 @@ void DVSLock::Lock() {
     }
 }
 
-void DVSLock::Unlock() { pthread_mutex_unlock(&mMutex); }
+void DVSLock::Unlock() {
+    pthread_mutex_unlock(&mMutex);
+}
 
-RWLock::RWLock() { pthread_rwlock_init(&mLock, nullptr); }
+RWLock::RWLock() {
+    pthread_rwlock_init(&mLock, nullptr);
+}
 
-RWLock::~RWLock() { pthread_rwlock_destroy(&mLock); }
+RWLock::~RWLock() {
+    pthread_rwlock_destroy(&mLock);
+}
 
 void RWLock::rdlock() {
     int rc;
@@ -51,6 +61,8 @@ void RWLock::unlock() {
     tHeld = 0;
 }
 
-int RWLock::held() { return tHeld; }
+int RWLock::held() {
+    return tHeld;
+}
 
 }  // namespace evcam
