@@ -74,18 +74,13 @@ bool IsSlot(const TimerSlot* slot) {
     return false;
 }
 
-timespec MsToTimespec(unsigned int ms) {
-    timespec ts{};
-    ts.tv_sec = static_cast<time_t>(ms / 1000);
-    ts.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
-    return ts;
-}
-
 #ifdef EVCAM_TIMER_THREADS
-// Caller holds timerLock for writing.
+// Starts the slot's timer thread. Takes timerLock to store it.
 bool ArmTimer(TimerSlot* slot, unsigned int periodMs, bool periodic) {
     auto timer = std::make_shared<ThreadTimer>();
+    timerLock.wrlock();
     slot->threadTimer = timer;
+    timerLock.unlock();
     if (periodMs == 0) {
         return true;  // a zero expiry arms nothing, as with a POSIX timer
     }
@@ -110,7 +105,9 @@ bool ArmTimer(TimerSlot* slot, unsigned int periodMs, bool periodic) {
             }
         }).detach();
     } catch (const std::system_error&) {
+        timerLock.wrlock();
         slot->threadTimer.reset();
+        timerLock.unlock();
         return false;
     }
     return true;
@@ -124,6 +121,41 @@ void DisarmTimer(TimerSlot* slot) {
         slot->threadTimer->wake.notify_all();
     }
     slot->threadTimer.reset();
+}
+#else
+timespec MsToTimespec(unsigned int ms) {
+    timespec ts{};
+    ts.tv_sec = static_cast<time_t>(ms / 1000);
+    ts.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
+    return ts;
+}
+
+// Creates and arms the slot's POSIX timer. Takes timerLock to store it.
+bool ArmTimer(TimerSlot* slot, unsigned int periodMs, bool periodic) {
+    sigevent sev{};
+    sev.sigev_notify = SIGEV_THREAD;
+    sev.sigev_notify_function = Callback;
+    sev.sigev_notify_attributes = nullptr;
+    sev.sigev_value.sival_ptr = slot;
+    timer_t timer{};
+    if (timer_create(CLOCK_REALTIME, &sev, &timer) != 0) {
+        return false;
+    }
+    itimerspec spec{};
+    spec.it_value = MsToTimespec(periodMs);
+    if (periodic) {
+        spec.it_interval = spec.it_value;
+    }
+    timerLock.wrlock();
+    slot->timer.store(timer, std::memory_order_relaxed);
+    timer_settime(timer, 0, &spec, nullptr);
+    timerLock.unlock();
+    return true;
+}
+
+// Caller holds timerLock for writing.
+void DisarmTimer(TimerSlot* slot) {
+    timer_delete(slot->timer.load(std::memory_order_relaxed));
 }
 #endif
 
@@ -152,45 +184,19 @@ DVS_ERROR DVSTimeSetEvent(unsigned int periodMs, void (*callback)(void*), void* 
         return ERR_TIMER_LIMIT;
     }
 
-#ifdef EVCAM_TIMER_THREADS
-    timerLock.wrlock();
-    const bool armed = ArmTimer(slot, periodMs, periodic == 1);
-    timerLock.unlock();
-    if (!armed) {
-        puts("Create timer fail");
-        timerLock.wrlock();
-        slot->callback.store(nullptr, std::memory_order_release);
-        timerLock.unlock();
-        return ERR_CREATE_TIMER;
-    }
-#else
-    sigevent sev{};
-    sev.sigev_notify = SIGEV_THREAD;
-    sev.sigev_notify_function = Callback;
-    sev.sigev_notify_attributes = nullptr;
-    sev.sigev_value.sival_ptr = slot;
-    timer_t timer{};
-    if (timer_create(CLOCK_REALTIME, &sev, &timer) != 0) {
+    // The handle is known once the slot is claimed; handing it out before arming lets a
+    // callback read it even when the timer fires at once.
+    void* const previous = *handle;
+    *handle = slot;
+    if (!ArmTimer(slot, periodMs, periodic == 1)) {
         puts("Create timer fail");
         // A slot without a timer could never be removed, so it is given back at once.
+        *handle = previous;
         timerLock.wrlock();
         slot->callback.store(nullptr, std::memory_order_release);
         timerLock.unlock();
         return ERR_CREATE_TIMER;
     }
-
-    itimerspec spec{};
-    spec.it_value = MsToTimespec(periodMs);
-    if (periodic == 1) {
-        spec.it_interval = spec.it_value;
-    }
-
-    timerLock.wrlock();
-    slot->timer.store(timer, std::memory_order_relaxed);
-    timer_settime(timer, 0, &spec, nullptr);
-    timerLock.unlock();
-#endif
-    *handle = slot;
     return ERR_SUCCESS;
 }
 
@@ -206,11 +212,7 @@ DVS_ERROR DVSRemoveEvent(void* /*ignored*/, void* handle) {
         timerLock.unlock();
         return ERR_PARA_ERROR;
     }
-#ifdef EVCAM_TIMER_THREADS
     DisarmTimer(slot);
-#else
-    timer_delete(slot->timer.load(std::memory_order_relaxed));
-#endif
     slot->callback.store(nullptr, std::memory_order_release);
     timerLock.unlock();
     return ERR_SUCCESS;

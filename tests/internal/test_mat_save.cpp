@@ -22,22 +22,6 @@
 #include "src/data/output_data.h"
 #include "src/data/ui_data_buffer.h"
 
-#if defined(__SANITIZE_THREAD__)
-#define EVCAM_TEST_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define EVCAM_TEST_TSAN 1
-#endif
-#endif
-
-#ifdef EVCAM_TEST_TSAN
-// OpenCV's image codecs register GDAL on first use, and GDAL's registration takes two of its
-// own mutexes in both orders on one thread. Only lock cycles with a GDAL frame are silenced;
-// every race and every cycle in our own locks is still reported.
-extern "C" const char* __tsan_default_suppressions() {
-    return "deadlock:libgdal.so\n";
-}
-#endif
 
 namespace evcam {
 namespace {
