@@ -4,6 +4,7 @@
 
 #include "evcam/dvs_error.h"
 #include "evcam/platform.h"
+#include "src/data/pool_signal.h"
 
 namespace evcam {
 
@@ -27,12 +28,19 @@ class BaseDataBuffer {
     /// Consumer: releases a node it has finished with.
     virtual DVS_ERROR PutANodeToFreeList(T* node) = 0;
 
+    /// Notified whenever consumers release nodes: a producer short of free nodes waits on it.
+    PoolSignal& Released() { return mReleased; }
+    /// Notified whenever a node is appended: a consumer with nothing to read waits on it.
+    PoolSignal& Appended() { return mAppended; }
+
   protected:
     T* mDataHead = nullptr;  ///< guarded by mDataLock
     T* mFreeHead = nullptr;  ///< guarded by mFreeLock
     T* mDataTail = nullptr;  ///< guarded by mDataLock
     DVSLock mFreeLock;
     DVSLock mDataLock;
+    PoolSignal mReleased;
+    PoolSignal mAppended;
 };
 
 }  // namespace evcam

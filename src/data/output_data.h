@@ -10,6 +10,12 @@
 
 namespace evcam {
 
+/// Clears a record of the output pool for the next frame, as DVSUIData::Reset does, but
+/// without the work a pool record does not need: only the events the last frame used are
+/// zeroed, and the image is left for the caller to repaint when imageRepainted.
+/// @return 0, or 18 for a record that was never initialised. Packaging thread.
+DVS_ERROR ReuseFrameRecord(DVSUIData& record, bool imageRepainted);
+
 class DVSOutputData {
   public:
     DVSOutputData() = default;

@@ -137,6 +137,7 @@ DVS_ERROR PacketBuffer::PutANodeToDataList(DVSPacket* p) {
         p->mPack->AddRefCount();
     }
     mDataLock.Unlock();
+    mAppended.Notify();
     return ERR_SUCCESS;
 }
 
@@ -167,6 +168,7 @@ DVS_ERROR PacketBuffer::PutANodeToFreeList(DVSPacket* p) {
     mFreeLock.Lock();
     p->mPack->SubtractRefCount();
     mFreeLock.Unlock();
+    mReleased.Notify();
     return ERR_SUCCESS;
 }
 
@@ -187,6 +189,7 @@ DVS_ERROR PacketBuffer::SetProcessStatus(bool on) {
     }
     mProcessStatus = on;
     mDataLock.Unlock();
+    mReleased.Notify();
     return ERR_SUCCESS;
 }
 
@@ -200,6 +203,7 @@ DVS_ERROR PacketBuffer::SetSaveStatus(bool on) {
     }
     mSaveStatus = on;
     mDataLock.Unlock();
+    mReleased.Notify();
     return ERR_SUCCESS;
 }
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -106,30 +107,48 @@ DVS_ERROR DVSUIData::Initialize(DVS_VERSION version, uint32_t outType, int width
     return ERR_SUCCESS;
 }
 
-DVS_ERROR DVSUIData::Reset() {
-    if (!mInitialized) {
+namespace {
+
+// Clears a frame record. eventEntries bounds the zeroing of the event list and zeroImage says
+// whether the painted image is cleared.
+DVS_ERROR ResetRecord(DVSUIData& d, size_t eventEntries, bool zeroImage) {
+    if (!d.mInitialized) {
         return ERR_NOT_INITIALIZED;
     }
-    mFrameIndex = 0;
-    mTotalEvents = 0;
-    if ((mOutputType & OUT_EVENTS) && mEvents != nullptr) {
-        mEventCount = 0;
-        memset(mEvents, 0, sizeof(PackedEvent) * static_cast<size_t>(mEventCapacity));
+    d.mFrameIndex = 0;
+    d.mTotalEvents = 0;
+    if ((d.mOutputType & OUT_EVENTS) && d.mEvents != nullptr) {
+        d.mEventCount = 0;
+        memset(d.mEvents, 0, sizeof(PackedEvent) * eventEntries);
     }
-    if ((mOutputType & OUT_POLARITY) && mBinData != nullptr) {
-        memset(mBinData, 0xFF, static_cast<size_t>(mBinSize));
+    if ((d.mOutputType & OUT_POLARITY) && d.mBinData != nullptr) {
+        memset(d.mBinData, 0xFF, static_cast<size_t>(d.mBinSize));
     }
-    if ((mOutputType & OUT_TIME_SURFACE) && mTsData0 != nullptr && mTsData1 != nullptr) {
-        mLastTimestamp = 0;
+    if ((d.mOutputType & OUT_TIME_SURFACE) && d.mTsData0 != nullptr && d.mTsData1 != nullptr) {
+        d.mLastTimestamp = 0;
         // Bounded by mBinSize as the record always has been: without the polarity image the
         // surfaces keep their stamps across a reset.
-        memset(mTsData0, 0, sizeof(uint32_t) * static_cast<size_t>(mBinSize));
-        memset(mTsData1, 0, sizeof(uint32_t) * static_cast<size_t>(mBinSize));
+        memset(d.mTsData0, 0, sizeof(uint32_t) * static_cast<size_t>(d.mBinSize));
+        memset(d.mTsData1, 0, sizeof(uint32_t) * static_cast<size_t>(d.mBinSize));
     }
-    if ((mOutputType & OUT_IMAGE) && mImgData != nullptr) {
-        memset(mImgData, 0, static_cast<size_t>(mImgWidth) * mImgHeight * 3);
+    if (zeroImage && (d.mOutputType & OUT_IMAGE) && d.mImgData != nullptr) {
+        memset(d.mImgData, 0, static_cast<size_t>(d.mImgWidth) * d.mImgHeight * 3);
     }
     return ERR_SUCCESS;
+}
+
+}  // namespace
+
+DVS_ERROR DVSUIData::Reset() {
+    return ResetRecord(*this, static_cast<size_t>(mEventCapacity), true);
+}
+
+DVS_ERROR ReuseFrameRecord(DVSUIData& record, bool imageRepainted) {
+    // Only the packager writes pool records, and it only appends events: entries past the
+    // count are still zero, so clearing the used ones leaves the whole list zeroed.
+    const size_t used = static_cast<size_t>(std::max(record.mEventCount, 0));
+    return ResetRecord(record, std::min(used, static_cast<size_t>(record.mEventCapacity)),
+                       !imageRepainted);
 }
 
 DVS_ERROR DVSUIData::ResizeEventContainer(int n) {

@@ -113,6 +113,7 @@ DVS_ERROR UIDataBuffer::PutANodeToDataList(DVSOutputData* n) {
     }
     mHandleLock.Unlock();
     mDataLock.Unlock();
+    mAppended.Notify();
     return ERR_SUCCESS;
 }
 
@@ -139,6 +140,7 @@ DVS_ERROR UIDataBuffer::PutANodeToFreeList(DVSOutputData* n) {
         return ERR_PARA_ERROR;
     }
     n->SubtractRefCount();
+    mReleased.Notify();
     return ERR_SUCCESS;
 }
 
@@ -183,6 +185,7 @@ DVS_ERROR UIDataBuffer::UnregisterDataHandle(void* handle) {
     mHandleLock.Unlock();
     mDataLock.Unlock();
     delete cursor;
+    mReleased.Notify();
     return ERR_SUCCESS;
 }
 

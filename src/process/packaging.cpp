@@ -294,9 +294,13 @@ DVS_ERROR Packaging::AllocateResource(const Event* e) {
         mColorFormat = mPendingColorFormat;
         mColors = mPendingColors;
     }
+    // File data waits for a consumer to release a frame, woken by the release itself; the
+    // millisecond bound keeps a cleared state noticed promptly.
+    uint64_t ticket = mUIDataBuffer->Released().Ticket();
     DVSOutputData* node = mUIDataBuffer->GetAFreeNode();
     while (node == nullptr && e->dvsId == kFileDataId && mState) {
-        DVSSleep(1);
+        mUIDataBuffer->Released().WaitFor(ticket, std::chrono::milliseconds(1));
+        ticket = mUIDataBuffer->Released().Ticket();
         node = mUIDataBuffer->GetAFreeNode();
     }
     if (node == nullptr) {
@@ -304,8 +308,9 @@ DVS_ERROR Packaging::AllocateResource(const Event* e) {
         return ERR_NO_FREE_NODE;
     }
     const int nodes = mUIDataBuffer->GetSlotNodes();
+    const bool painted = (node->mUIData->mOutputType & OUT_IMAGE) != 0;
     for (int i = 0; i < nodes; ++i) {
-        node[i].mUIData->Reset();
+        ReuseFrameRecord(*node[i].mUIData, painted);
     }
     const uint32_t rule = mEndRule.load(std::memory_order_relaxed);
     if (rule == kRulePeriod) {
@@ -315,7 +320,7 @@ DVS_ERROR Packaging::AllocateResource(const Event* e) {
     } else {
         mFrameEnds = 0;
     }
-    if ((node->mUIData->mOutputType & OUT_IMAGE) != 0) {
+    if (painted) {
         const FillColor& fill = FillColor::GetInstance();
         for (int i = 0; i < nodes; ++i) {
             fill.FillBackGroundColor(node[i].mUIData, mColorFormat, &mColors);

@@ -161,9 +161,11 @@ void PacketParser::GetTotalCounts(unsigned long& events, unsigned long& frames) 
 
 void PacketParser::ParseLoop() {
     while (mRunning.load(std::memory_order_acquire)) {
+        const uint64_t ticket = mPacketBuffer->Appended().Ticket();
         DVSPacket* packet = mPacketBuffer->GetADataNode();
         if (packet == nullptr) {
-            DVSSleep(1);
+            // Wakes as soon as a packet arrives; the bound keeps Stop prompt.
+            mPacketBuffer->Appended().WaitFor(ticket, std::chrono::milliseconds(1));
             continue;
         }
         ProcessDataByVersion(packet);

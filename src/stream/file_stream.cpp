@@ -418,12 +418,16 @@ bool FileStream::ReadData(uint64_t start, uint64_t end, DVS_VERSION version, boo
     if (end <= start || DVSSeek64(mFile, static_cast<long>(start), SEEK_SET) != 0) {
         return true;
     }
+    // File data is never dropped: wait for the consumers to release a node, woken by each
+    // release, looking at the status at least every millisecond.
+    uint64_t ticket = mPacketBuffer->Released().Ticket();
     DVSPacket* packet = mPacketBuffer->GetAFreeNode();
     while (packet == nullptr) {
         if (mRunningStatus != kRunning) {
             return false;
         }
-        std::this_thread::yield();
+        mPacketBuffer->Released().WaitFor(ticket, std::chrono::milliseconds(1));
+        ticket = mPacketBuffer->Released().Ticket();
         packet = mPacketBuffer->GetAFreeNode();
     }
     const auto length = static_cast<int>(end - start);
