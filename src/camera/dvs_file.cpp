@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "src/camera/parameter_check.h"
 #include "src/data/packet_buffer.h"
 #include "src/data/ui_data_buffer.h"
 #include "src/process/packaging.h"
@@ -96,43 +97,30 @@ DVS_ERROR DVSFile::SetParameter(PARA_TYPE type, void* value) {
         return ERR_NOT_SUPPORT;
     }
     const bool running = mRunningStatus == kRunning;
+    uint32_t v = 0;
+    DVS_ERROR rc = ERR_SUCCESS;
     switch (type) {
-        case PARA_PPX: {
-            const uint32_t v = U32(value);
-            if (running) {
-                return ERR_RUNNING;
+        case PARA_PPX:
+            if ((rc = CheckU32(value, running, 1, kMaxPPX, v)) == ERR_SUCCESS) {
+                mPPX = v;
+                mStream->SetPPX(v);
             }
-            if (v < 1 || v > kMaxPPX) {
-                return ERR_PARA_ERROR;
+            return rc;
+        case PARA_PACKET_COUNT:  // no upper bound on a file
+            if ((rc = CheckU32(value, running, 1, UINT32_MAX, v)) == ERR_SUCCESS) {
+                mPacketCount = v;
             }
-            mPPX = v;
-            mStream->SetPPX(v);
-            return ERR_SUCCESS;
-        }
-        case PARA_PACKET_COUNT: {
-            const uint32_t v = U32(value);
-            if (running) {
-                return ERR_RUNNING;
-            }
-            if (v == 0) {
-                return ERR_PARA_ERROR;
-            }
-            mPacketCount = v;
-            return ERR_SUCCESS;
-        }
+            return rc;
         case PARA_FILE_PATH: {
             const char* path = static_cast<const char*>(value);
             if (path[0] == '\0') {
                 return ERR_PARA_ERROR;
             }
-            // The source keeps its file open between runs and reads the path on a running
-            // thread: re-binding is only safe while stopped, and only after closing the old
-            // file, or the next run would play it instead of the new one.
+            // The read thread uses the path: re-binding waits for a stopped object.
             if (mRunningStatus != kStopped) {
                 return ERR_RUNNING;
             }
-            mStream->Close();
-            const DVS_ERROR rc = mStream->SetFilePath(path);
+            rc = mStream->SetFilePath(path);
             int version = SELECT_VERSION;
             mStream->GetVersion(&version);
             mVersion = static_cast<DVS_VERSION>(version);
@@ -143,53 +131,40 @@ DVS_ERROR DVSFile::SetParameter(PARA_TYPE type, void* value) {
             mFilePath = path;
             return ERR_SUCCESS;
         }
-        case PARA_FRAME_PERIOD: {
-            const uint32_t v = U32(value);
-            if (v < 1 || v > kMaxFramePeriod) {
-                return ERR_PARA_ERROR;
+        case PARA_FRAME_PERIOD:
+            if ((rc = CheckU32(value, false, 1, kMaxFramePeriod, v)) == ERR_SUCCESS) {
+                mFramePeriod = v;
+                mPackaging->SetFramePeriod(v);
+                mFrameRule = 0;
             }
-            mFramePeriod = v;
-            mPackaging->SetFramePeriod(v);
-            mFrameRule = 0;
-            return ERR_SUCCESS;
-        }
-        case PARA_OUT_TYPE: {
-            const uint32_t v = U32(value);
-            if (running) {
-                return ERR_RUNNING;
+            return rc;
+        case PARA_OUT_TYPE:
+            if ((rc = CheckU32(value, running, 1, 15, v)) == ERR_SUCCESS) {
+                mOutputType = v;
             }
-            if (v < 1 || v > 15) {
-                return ERR_PARA_ERROR;
+            return rc;
+        case PARA_FRAME_MODE:
+            if ((rc = CheckU32(value, false, 0, FRAME_MODE_CALLBACK, v)) == ERR_SUCCESS) {
+                mFrameMode = v;
+                mPackaging->SetFrameMode(static_cast<FRAME_MODE>(v));
             }
-            mOutputType = v;
-            return ERR_SUCCESS;
-        }
-        case PARA_FRAME_MODE: {
-            const uint32_t v = U32(value);
-            if (v > FRAME_MODE_CALLBACK) {
-                return ERR_PARA_ERROR;
-            }
-            mFrameMode = v;
-            mPackaging->SetFrameMode(static_cast<FRAME_MODE>(v));
-            return ERR_SUCCESS;
-        }
-        case PARA_VERSION: {
-            const uint32_t v = U32(value);
+            return rc;
+        case PARA_VERSION:
             if (running) {
                 return ERR_RUNNING;
             }
             if (mFilePath.empty()) {
                 return ERR_NO_FILE;
             }
-            if (v != MVT94QX && v != MVT94QX_STEREO) {
+            v = U32(value);
+            if (!IsKnownVersion(static_cast<int>(v))) {
                 return ERR_PARA_ERROR;
             }
-            const DVS_ERROR rc = mStream->SetVersion(static_cast<DVS_VERSION>(v));
+            rc = mStream->SetVersion(static_cast<DVS_VERSION>(v));
             if (rc == ERR_SUCCESS) {
                 mVersion = static_cast<DVS_VERSION>(v);
             }
             return rc;
-        }
         case PARA_RESOLUTION: {
             const int32_t* wh = static_cast<const int32_t*>(value);
             if (running) {
@@ -202,46 +177,31 @@ DVS_ERROR DVSFile::SetParameter(PARA_TYPE type, void* value) {
             mHeight = wh[1];
             return ERR_SUCCESS;
         }
-        case PARA_EVENT_COUNT: {
-            const uint32_t v = U32(value);
-            if (v < kMinEventCount || v > kMaxEventCount) {
-                return ERR_PARA_ERROR;
+        case PARA_EVENT_COUNT:
+            if ((rc = CheckU32(value, false, kMinEventCount, kMaxEventCount, v)) == ERR_SUCCESS) {
+                mEventCount = v;
+                mPackaging->SetEventCnt(v);
+                mFrameRule = 1;
             }
-            mEventCount = v;
-            mPackaging->SetEventCnt(v);
-            mFrameRule = 1;
-            return ERR_SUCCESS;
-        }
-        case PARA_FRAME_END_COUNT: {
-            const uint32_t v = U32(value);
-            if (v < 1 || v > kMaxFrameEndCount) {
-                return ERR_PARA_ERROR;
+            return rc;
+        case PARA_FRAME_END_COUNT:
+            if ((rc = CheckU32(value, false, 1, kMaxFrameEndCount, v)) == ERR_SUCCESS) {
+                mFrameEndCount = v;
+                mPackaging->SetFrmEndCnt(v);
+                mFrameRule = 2;
             }
-            mFrameEndCount = v;
-            mPackaging->SetFrmEndCnt(v);
-            mFrameRule = 2;
-            return ERR_SUCCESS;
-        }
-        case PARA_WORK_MODE: {
-            const uint32_t v = U32(value);
-            if (running) {
-                return ERR_RUNNING;
+            return rc;
+        case PARA_WORK_MODE:
+            if ((rc = CheckU32(value, running, 2, 5, v)) == ERR_SUCCESS) {
+                mWorkMode = v;
             }
-            if (v < 2 || v > 5) {
-                return ERR_PARA_ERROR;
+            return rc;
+        case PARA_COLOR_FORMAT:
+            if ((rc = CheckU32(value, false, 0, COLOR_GRAY, v)) == ERR_SUCCESS) {
+                mColorFormat = v;
+                mPackaging->SetColorFormat(static_cast<COLOR_FORMAT>(v));
             }
-            mWorkMode = v;
-            return ERR_SUCCESS;
-        }
-        case PARA_COLOR_FORMAT: {
-            const uint32_t v = U32(value);
-            if (v > COLOR_GRAY) {
-                return ERR_PARA_ERROR;
-            }
-            mColorFormat = v;
-            mPackaging->SetColorFormat(static_cast<COLOR_FORMAT>(v));
-            return ERR_SUCCESS;
-        }
+            return rc;
         case PARA_COLORS:
             std::memcpy(&mColors, value, sizeof(mColors));
             mPackaging->SetColor(&mColors);

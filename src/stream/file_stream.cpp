@@ -104,13 +104,10 @@ DVS_ERROR FileStream::SetFilePath(const char* path) {
     if (path[0] == '\0') {
         return ERR_INVALID_FILE;
     }
-    if (mRunningStatus != kStopped || !JoinReadThread()) {
-        return ERR_RUNNING;
-    }
-    if (mFile != nullptr) {
-        fclose(mFile);
-        mFile = nullptr;
-        mFileOpened = 0;
+    // A file left open by an earlier run is closed, or the next run would play it instead.
+    const DVS_ERROR closed = Close();
+    if (closed != ERR_SUCCESS) {
+        return closed;
     }
     {
         std::lock_guard<std::mutex> lock(mLock);
