@@ -21,6 +21,9 @@ c++ -std=c++17 -o "$scratch/pc-consumer" "$consumer/consumer.cpp" $(pkg-config -
 LD_LIBRARY_PATH="$prefix/lib" "$scratch/pc-consumer" | tee "$scratch/pc.out"
 grep -q '^evcam ' "$scratch/pc.out"
 
+# The command-line tool sits beside the library.
+"$prefix/bin/evcam" --version | grep -q '^evcam '
+
 # Only the public interface is exported: no internal class shows up in the dynamic symbols.
 lib=$(ls "$prefix"/lib/libevcam.so.*.*.* | head -n 1)
 if nm -D --defined-only -C "$lib" | grep -E 'PacketBuffer|UIDataBuffer|DVSFile::|DVSDevice::'; then
