@@ -8,6 +8,7 @@
 #include "evcam/export.h"
 #include "evcam/platform.h"
 #include "evcam/records.h"
+#include "evcam/sim.h"
 #include "evcam/usb_device.h"
 #include "evcam/version.h"
 
