@@ -85,7 +85,7 @@ enum class Fault {
 EVCAM_API DVS_ERROR Enable();
 
 /// Enables the bus and plugs the cameras of an EVCAM_SIM-style spec (syntax in the README).
-/// Either all cameras of the spec are plugged or none; cameras plugged before stay.
+/// Either all cameras of the string are plugged or none; cameras plugged before stay.
 /// @return 0; 1 for a null or malformed spec, or a camera that cannot be plugged (a message
 ///         naming the camera and the key goes to standard error); 21 as Enable.
 EVCAM_API DVS_ERROR Configure(const char* spec);
