@@ -15,109 +15,114 @@ constexpr int kH = 4;
 constexpr int kPixels = kW * kH;
 constexpr uint32_t kAllForms = OUT_EVENTS | OUT_POLARITY | OUT_TIME_SURFACE | OUT_IMAGE;
 
-bool AllBytesAre(const uint8_t* p, size_t n, uint8_t v) {
-    return std::all_of(p, p + n, [v](uint8_t b) { return b == v; });
+bool AllBytesAre(const void* p, size_t bytes, uint8_t v) {
+    const auto* b = static_cast<const uint8_t*>(p);
+    return std::all_of(b, b + bytes, [v](uint8_t x) { return x == v; });
 }
 
-template <typename T>
-bool AllZero(const T* p, size_t n) {
-    return AllBytesAre(reinterpret_cast<const uint8_t*>(p), n * sizeof(T), 0);
+// The forms whose stores a record holds.
+uint32_t StoresHeld(const DVSUIData& d) {
+    auto bit = [](bool held, uint32_t form) { return held ? form : 0u; };
+    return bit(d.mEvents != nullptr, OUT_EVENTS) | bit(d.mBinData != nullptr, OUT_POLARITY) |
+           bit(d.mTsData0 != nullptr && d.mTsData1 != nullptr, OUT_TIME_SURFACE) |
+           bit(d.mImgData != nullptr, OUT_IMAGE);
 }
 
-PackedEvent Packed(uint16_t x, uint16_t y, int polarity, uint32_t ts) {
-    return PackedEvent{static_cast<uint16_t>(x | (polarity << 15)), y, ts};
+// Checks that the stores of forms are as Initialize leaves them and Reset restores them.
+void ExpectEmpty(const DVSUIData& d, uint32_t forms) {
+    forms &= StoresHeld(d);
+    if (forms & OUT_EVENTS) {
+        EXPECT_EQ(d.mEventCount, 0);
+        EXPECT_TRUE(AllBytesAre(d.mEvents, sizeof(PackedEvent) * d.mEventCapacity, 0));
+    }
+    if (forms & OUT_POLARITY) {
+        EXPECT_TRUE(AllBytesAre(d.mBinData, d.mBinSize, 0xFF));
+    }
+    if (forms & OUT_TIME_SURFACE) {
+        EXPECT_EQ(d.mLastTimestamp, 0u);
+        EXPECT_TRUE(AllBytesAre(d.mTsData0, sizeof(uint32_t) * d.mTsSize, 0) &&
+                    AllBytesAre(d.mTsData1, sizeof(uint32_t) * d.mTsSize, 0));
+    }
+    if (forms & OUT_IMAGE) {
+        EXPECT_TRUE(AllBytesAre(d.mImgData, d.mImgWidth * d.mImgHeight * 3, 0));
+    }
 }
 
-// Fills the forms a frame node holds with recognisable content.
+// Writes a recognisable pattern, never 0 or 0xFF, into a store when it exists.
+void Scribble(void* store, size_t bytes) {
+    for (size_t i = 0; store != nullptr && i < bytes; ++i) {
+        static_cast<uint8_t*>(store)[i] = static_cast<uint8_t>(i % 250 + 1);
+    }
+}
+
+// Fills a frame node: its header, three events and every pixel form it holds.
 void FillFrame(DVSOutputData& node, COLOR_FORMAT format) {
-    DVSUIData* d = node.mUIData;
-    d->mDVSID = 7;
-    d->mFrameIndex = 42;
-    d->mTotalEvents = 3;
-    if (d->mEvents != nullptr) {
-        d->mEventCount = 3;
-        for (int i = 0; i < 3; ++i) {
-            d->mEvents[i] = Packed(static_cast<uint16_t>(i), 1, i & 1, 100u + i);
-        }
-    }
-    for (int i = 0; i < kPixels; ++i) {
-        if (d->mBinData != nullptr) {
-            d->mBinData[i] = static_cast<uint8_t>(i % 2);
-        }
-        if (d->mTsData0 != nullptr) {
-            d->mTsData0[i] = 1000u + i;
-            d->mTsData1[i] = 2000u + i;
-        }
-    }
-    d->mLastTimestamp = 555;
-    d->mColorFormat = format;
-    if (d->mImgData != nullptr) {
-        for (int i = 0; i < kPixels * 3; ++i) {
-            d->mImgData[i] = static_cast<uint8_t>(i + 1);
-        }
-    }
+    DVSUIData& d = *node.mUIData;
+    d.mDVSID = 7;
+    d.mFrameIndex = 42;
+    d.mTotalEvents = 3;
+    d.mLastTimestamp = 555;
+    d.mColorFormat = format;
+    d.mEventCount = d.mEvents != nullptr ? 3 : 0;
+    Scribble(d.mEvents, 3 * sizeof(PackedEvent));
+    Scribble(d.mBinData, kPixels);
+    Scribble(d.mTsData0, kPixels * 4);
+    Scribble(d.mTsData1, kPixels * 4);
+    Scribble(d.mImgData, kPixels * 3);
 }
 
-TEST(Packet, construction_and_resize) {
-    DVSPacket empty(0);
-    EXPECT_EQ(empty.mData, nullptr);
-    EXPECT_EQ(empty.mBufferSize, 0);
-    DVSPacket negative(-3);
-    EXPECT_EQ(negative.mData, nullptr);
-    EXPECT_EQ(negative.mBufferSize, 0);
-
+TEST(Packet, store_follows_construction_and_resize) {
+    for (int size : {0, -3}) {
+        DVSPacket none(size);
+        EXPECT_EQ(none.mData, nullptr);
+        EXPECT_EQ(none.mBufferSize, 0);
+    }
     DVSPacket p(16);
     ASSERT_NE(p.mData, nullptr);
     EXPECT_EQ(p.mBufferSize, 16);
-    EXPECT_EQ(p.mDataLen, 0);
-    EXPECT_EQ(p.mVersion, SELECT_VERSION);
-    EXPECT_EQ(p.mDVSID, 0xFFFFFFFFu);
-    EXPECT_EQ(p.mNext, nullptr);
+    EXPECT_EQ(p.mDVSID, 0xFFFFFFFFu);  // no device: 2 would mark file data
 
     p.mDataLen = 10;
     uint8_t* before = p.mData;
     EXPECT_EQ(p.Resize(-1), 16);
     EXPECT_EQ(p.mData, before);
     EXPECT_EQ(p.mDataLen, 10);
-
     EXPECT_EQ(p.Resize(64), 64);
     EXPECT_EQ(p.mBufferSize, 64);
     EXPECT_EQ(p.mDataLen, 0);
     memset(p.mData, 0xAB, 64);
-
-    p.mDataLen = 5;
     EXPECT_EQ(p.Resize(0), 0);
     EXPECT_EQ(p.mBufferSize, 0);
-    EXPECT_EQ(p.mDataLen, 0);
 }
 
-TEST(Pack, owns_its_packet_and_counts_never_go_negative) {
+// A count that went below zero would end at 0 (or wrap) instead of 1.
+template <typename Node>
+void ExpectCountStopsAtZero(Node& node) {
+    node.SubtractRefCount();
+    node.AddRefCount();
+    node.AddRefCount();
+    node.SubtractRefCount();
+    EXPECT_EQ(node.GetRefCount(), 1u);
+}
+
+TEST(PoolNodes, own_their_record_and_counts_never_go_below_zero) {
     DVSPack pack(8);
     EXPECT_EQ(pack.mPacket.mPack, &pack);
-    EXPECT_EQ(pack.mPacket.mBufferSize, 8);
-    EXPECT_EQ(pack.GetRefCount(), 0u);
-    pack.SubtractRefCount();
-    EXPECT_EQ(pack.GetRefCount(), 0u);
-    pack.AddRefCount();
-    pack.AddRefCount();
-    EXPECT_EQ(pack.GetRefCount(), 2u);
-    pack.SubtractRefCount();
-    EXPECT_EQ(pack.GetRefCount(), 1u);
+    ExpectCountStopsAtZero(pack);
     pack.Reset();
     EXPECT_EQ(pack.GetRefCount(), 0u);
+
+    DVSOutputData node(MVT94QX, OUT_EVENTS, kW, kH);
+    ExpectCountStopsAtZero(node);
+    EXPECT_EQ(node.Initialize(MVT94QX_STEREO, OUT_POLARITY, kW, kH), ERR_SUCCESS);
+    EXPECT_EQ(node.mUIData->mVersion, MVT94QX_STEREO);
+    EXPECT_EQ(StoresHeld(*node.mUIData), static_cast<uint32_t>(OUT_POLARITY));
 }
 
-TEST(UIData, empty_record_refuses_reset_and_resize) {
+TEST(UIData, initialize_rejects_bad_arguments_and_an_empty_record_refuses_the_rest) {
     DVSUIData d;
-    EXPECT_FALSE(d.mInitialized);
-    EXPECT_EQ(d.mDVSID, -1);
     EXPECT_EQ(d.Reset(), ERR_NOT_INITIALIZED);
     EXPECT_EQ(d.ResizeEventContainer(10), ERR_NOT_INITIALIZED);
-    EXPECT_EQ(d.mEvents, nullptr);
-}
-
-TEST(UIData, initialize_rejects_bad_arguments) {
-    DVSUIData d;
     EXPECT_EQ(d.Initialize(SELECT_VERSION, 1, kW, kH), ERR_PARA_ERROR);
     EXPECT_EQ(d.Initialize(static_cast<DVS_VERSION>(16), 1, kW, kH), ERR_PARA_ERROR);
     EXPECT_EQ(d.Initialize(static_cast<DVS_VERSION>(2), 1, kW, kH), ERR_PARA_ERROR);
@@ -127,105 +132,64 @@ TEST(UIData, initialize_rejects_bad_arguments) {
     EXPECT_EQ(d.Initialize(MVT94QX, 1, kW, 0), ERR_PARA_ERROR);
     EXPECT_EQ(d.Initialize(MVT94QX, 2, 0x10000, 0x10000), ERR_PARA_ERROR);
     EXPECT_FALSE(d.mInitialized);
-    EXPECT_EQ(d.mEvents, nullptr);
-    EXPECT_EQ(d.mBinData, nullptr);
+    EXPECT_EQ(StoresHeld(d), 0u);
 }
 
-TEST(UIData, initialize_allocates_exactly_the_forms_asked_for) {
-    DVSUIData all(MVT94QX, kAllForms, kW, kH);
-    ASSERT_TRUE(all.mInitialized);
-    EXPECT_EQ(all.mOutputType, kAllForms);
-    EXPECT_EQ(all.mVersion, MVT94QX);
-    EXPECT_EQ(all.mWidth, kW);
-    EXPECT_EQ(all.mHeight, kH);
-    EXPECT_EQ(all.mEventCapacity, kDefaultEventCapacity);
-    EXPECT_EQ(all.mEventCount, 0);
-    EXPECT_TRUE(AllZero(all.mEvents, kDefaultEventCapacity));
-    EXPECT_EQ(all.mBinSize, kPixels);
-    EXPECT_TRUE(AllBytesAre(all.mBinData, kPixels, 0xFF));
-    EXPECT_EQ(all.mTsSize, static_cast<uint32_t>(kPixels));
-    EXPECT_TRUE(AllZero(all.mTsData0, kPixels));
-    EXPECT_TRUE(AllZero(all.mTsData1, kPixels));
-    EXPECT_EQ(all.mImgWidth, static_cast<uint32_t>(kW));
-    EXPECT_EQ(all.mImgHeight, static_cast<uint32_t>(kH));
-    EXPECT_TRUE(AllZero(all.mImgData, kPixels * 3));
-
-    DVSUIData image(MVT94QX_STEREO, OUT_IMAGE, kW, kH);
-    ASSERT_TRUE(image.mInitialized);
-    EXPECT_EQ(image.mEvents, nullptr);
-    EXPECT_EQ(image.mBinData, nullptr);
-    EXPECT_EQ(image.mTsData0, nullptr);
-    EXPECT_EQ(image.mTsData1, nullptr);
-    ASSERT_NE(image.mImgData, nullptr);
-    memset(image.mImgData, 0x5A, kPixels * 3);
-    image.mFrameIndex = 9;
-    EXPECT_EQ(image.Reset(), ERR_SUCCESS);
-    EXPECT_TRUE(AllZero(image.mImgData, kPixels * 3));
-    EXPECT_EQ(image.mFrameIndex, 0u);
-}
-
-TEST(UIData, second_initialize_gives_4_and_keeps_the_old_stores) {
-    DVSUIData d(MVT94QX, OUT_POLARITY, kW, kH);
-    uint8_t* bin = d.mBinData;
-    EXPECT_EQ(d.Initialize(MVT94QX, kAllForms, kW * 2, kH * 2), ERR_ALREADY_DONE);
-    EXPECT_EQ(d.mBinData, bin);
-    EXPECT_EQ(d.mOutputType, static_cast<uint32_t>(OUT_POLARITY));
-    EXPECT_EQ(d.mEvents, nullptr);
-    EXPECT_EQ(d.mBinSize, kPixels);
+// Store sizes are checked through CopyTo below, which copies by them.
+TEST(UIData, initialize_allocates_empty_stores_for_exactly_the_forms_asked_for_once) {
+    for (uint32_t forms : {1u, 2u, 4u, 8u, kAllForms}) {
+        SCOPED_TRACE(forms);
+        DVSUIData d(MVT94QX_STEREO, forms, kW, kH);
+        ASSERT_TRUE(d.mInitialized);
+        EXPECT_EQ(d.mVersion, MVT94QX_STEREO);
+        EXPECT_EQ(d.mEventCapacity, forms & OUT_EVENTS ? kDefaultEventCapacity : 0);
+        // A second Initialize gives 4 and keeps the old stores.
+        uint8_t* bin = d.mBinData;
+        EXPECT_EQ(d.Initialize(MVT94QX, kAllForms, kW * 2, kH * 2), ERR_ALREADY_DONE);
+        EXPECT_EQ(d.mBinData, bin);
+        EXPECT_EQ(d.mOutputType, forms);
+        EXPECT_EQ(StoresHeld(d), forms);
+        ExpectEmpty(d, forms);
+    }
 }
 
 TEST(UIData, reset_clears_every_form_held) {
-    DVSUIData d(MVT94QX, kAllForms, kW, kH);
-    d.mFrameIndex = 3;
-    d.mTotalEvents = 77;
-    d.mEventCount = 2;
-    d.mEvents[0] = Packed(1, 2, 1, 3);
-    d.mEvents[kDefaultEventCapacity - 1] = Packed(1, 2, 1, 3);
-    memset(d.mBinData, 1, kPixels);
-    d.mLastTimestamp = 99;
-    d.mTsData0[0] = 5;
-    d.mTsData1[kPixels - 1] = 6;
-    d.mImgData[kPixels * 3 - 1] = 200;
-
-    EXPECT_EQ(d.Reset(), ERR_SUCCESS);
-    EXPECT_EQ(d.mFrameIndex, 0u);
-    EXPECT_EQ(d.mTotalEvents, 0u);
-    EXPECT_EQ(d.mEventCount, 0);
-    EXPECT_TRUE(AllZero(d.mEvents, kDefaultEventCapacity));
-    EXPECT_TRUE(AllBytesAre(d.mBinData, kPixels, 0xFF));
-    EXPECT_EQ(d.mLastTimestamp, 0u);
-    EXPECT_TRUE(AllZero(d.mTsData0, kPixels));
-    EXPECT_TRUE(AllZero(d.mTsData1, kPixels));
-    EXPECT_TRUE(AllZero(d.mImgData, kPixels * 3));
-}
-
-TEST(UIData, reset_without_polarity_image_keeps_time_surfaces) {
+    for (uint32_t forms : {static_cast<uint32_t>(OUT_IMAGE), kAllForms}) {
+        SCOPED_TRACE(forms);
+        DVSOutputData node(MVT94QX_STEREO, forms, kW, kH);
+        FillFrame(node, COLOR_RGB24);
+        DVSUIData& d = *node.mUIData;
+        if (d.mEvents != nullptr) {
+            d.mEvents[kDefaultEventCapacity - 1] = PackedEvent{1, 2, 3};
+        }
+        EXPECT_EQ(d.Reset(), ERR_SUCCESS);
+        EXPECT_EQ(d.mFrameIndex, 0u);
+        EXPECT_EQ(d.mTotalEvents, 0u);
+        ExpectEmpty(d, forms);
+    }
+    // The surfaces are cleared over the polarity image's size: without it they keep their stamps.
     DVSUIData d(MVT94QX, OUT_TIME_SURFACE, kW, kH);
     d.mLastTimestamp = 99;
     d.mTsData0[0] = 5;
-    d.mTsData1[3] = 6;
+    d.mTsData1[kPixels - 1] = 6;
     EXPECT_EQ(d.Reset(), ERR_SUCCESS);
     EXPECT_EQ(d.mLastTimestamp, 0u);
     EXPECT_EQ(d.mTsData0[0], 5u);
-    EXPECT_EQ(d.mTsData1[3], 6u);
+    EXPECT_EQ(d.mTsData1[kPixels - 1], 6u);
 }
 
 TEST(UIData, resize_event_container_bounds_and_keeps_the_count) {
     DVSUIData d(MVT94QX, OUT_EVENTS, kW, kH);
     d.mEventCount = 5;
-    d.mEvents[0] = Packed(1, 1, 1, 1);
     EXPECT_EQ(d.ResizeEventContainer(kMaxEventCapacity + 1), ERR_PARA_ERROR);
     EXPECT_EQ(d.ResizeEventContainer(-1), ERR_PARA_ERROR);
     EXPECT_EQ(d.mEventCapacity, kDefaultEventCapacity);
-
     EXPECT_EQ(d.ResizeEventContainer(1000), ERR_SUCCESS);
     EXPECT_EQ(d.mEventCapacity, 1000);
     EXPECT_EQ(d.mEventCount, 5);
-    EXPECT_TRUE(AllZero(d.mEvents, 1000));
-
+    EXPECT_TRUE(AllBytesAre(d.mEvents, sizeof(PackedEvent) * 1000, 0));
     EXPECT_EQ(d.ResizeEventContainer(kMaxEventCapacity), ERR_SUCCESS);
-    EXPECT_EQ(d.mEventCapacity, kMaxEventCapacity);
-    d.mEvents[kMaxEventCapacity - 1] = Packed(1, 1, 1, 1);
+    d.mEvents[kMaxEventCapacity - 1] = PackedEvent{1, 1, 1};
 
     // A record built without an event list gains one.
     DVSUIData image(MVT94QX, OUT_IMAGE, kW, kH);
@@ -234,155 +198,95 @@ TEST(UIData, resize_event_container_bounds_and_keeps_the_count) {
     EXPECT_EQ(image.mEventCapacity, 4);
 }
 
-TEST(OutputData, owns_and_replaces_its_record_and_counts_stop_at_zero) {
-    DVSOutputData empty;
-    EXPECT_EQ(empty.mUIData, nullptr);
-    EXPECT_EQ(empty.GetRefCount(), 0u);
-
-    DVSOutputData node(MVT94QX, OUT_EVENTS, kW, kH);
-    ASSERT_NE(node.mUIData, nullptr);
-    EXPECT_TRUE(node.mUIData->mInitialized);
-    EXPECT_EQ(node.GetContainerSize(), kDefaultEventCapacity);
-    node.AddEventCount();
-    node.AddEventCount();
-    node.AddEventCountInEvtArray();
-    EXPECT_EQ(node.GetEventCount(), 2u);
-    EXPECT_EQ(node.GetEventCountInEvtArray(), 1);
-
-    EXPECT_EQ(node.Initialize(MVT94QX_STEREO, OUT_POLARITY, kW, kH), ERR_SUCCESS);
-    EXPECT_EQ(node.mUIData->mVersion, MVT94QX_STEREO);
-    EXPECT_EQ(node.mUIData->mEvents, nullptr);
-    EXPECT_EQ(node.GetEventCount(), 0u);
-
-    node.SubtractRefCount();
-    EXPECT_EQ(node.GetRefCount(), 0u);
-    node.AddRefCount();
-    node.AddRefCount();
-    node.SubtractRefCount();
-    EXPECT_EQ(node.GetRefCount(), 1u);
+TEST(CopyTo, copies_each_form_wanted_held_and_storable) {
+    struct Case {
+        const char* what;
+        uint32_t held, dstForms, wanted;
+        DVS_ERROR rc;
+        uint32_t dstType;  // mOutputType afterwards
+        int dstWidth = kW;
+    };
+    const uint32_t kEvTs = OUT_EVENTS | OUT_TIME_SURFACE;
+    const uint32_t kEvPol = OUT_EVENTS | OUT_POLARITY;
+    const uint32_t kPixelForms = OUT_POLARITY | OUT_TIME_SURFACE | OUT_IMAGE;
+    const Case cases[] = {
+        {"every form", kAllForms, kAllForms, kAllForms, ERR_SUCCESS, kAllForms},
+        {"only the wanted forms", kAllForms, kAllForms, kEvTs, ERR_SUCCESS, kEvTs},
+        {"only where the destination has a store", kAllForms, kEvPol, kAllForms, ERR_SUCCESS,
+         kEvPol},
+        {"nothing the frame holds fits", OUT_POLARITY, OUT_EVENTS, OUT_POLARITY, ERR_TYPE_MISMATCH,
+         0},
+        {"destination too narrow", kAllForms, kPixelForms, kAllForms, ERR_TYPE_MISMATCH, 0, kW - 1},
+        {"no bit shared with the frame", OUT_EVENTS, kAllForms, OUT_POLARITY | OUT_IMAGE,
+         ERR_NO_SPECIFIED_DATA, kAllForms},
+        {"destination without stores", kEvPol, OUT_IMAGE, OUT_EVENTS, ERR_PARA_ERROR, OUT_IMAGE},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        DVSOutputData src(MVT94QX, c.held, kW, kH);
+        FillFrame(src, COLOR_RGB24);
+        const DVSUIData& s = *src.mUIData;
+        DVSUIData dst(MVT94QX, c.dstForms, c.dstWidth, kH);
+        ASSERT_EQ(src.CopyTo(c.wanted, &dst), c.rc);
+        EXPECT_EQ(dst.mOutputType, c.dstType);
+        // A refused copy touches nothing; otherwise the header is copied even when no form is.
+        const bool refused = c.rc == ERR_NO_SPECIFIED_DATA || c.rc == ERR_PARA_ERROR;
+        EXPECT_EQ(dst.mFrameIndex, refused ? 0u : 42u);
+        EXPECT_EQ(dst.mDVSID, refused ? -1 : 7);
+        EXPECT_EQ(dst.mTotalEvents, refused ? 0u : 3u);
+        const uint32_t copied = refused ? 0 : c.dstType;
+        ExpectEmpty(dst, ~copied);
+        if (copied & OUT_EVENTS) {
+            EXPECT_EQ(dst.mEventCount, 3);
+            EXPECT_EQ(memcmp(dst.mEvents, s.mEvents, 3 * sizeof(PackedEvent)), 0);
+        }
+        if (copied & OUT_POLARITY) {
+            EXPECT_EQ(memcmp(dst.mBinData, s.mBinData, kPixels), 0);
+        }
+        if (copied & OUT_TIME_SURFACE) {
+            EXPECT_EQ(dst.mLastTimestamp, 555u);
+            EXPECT_EQ(memcmp(dst.mTsData0, s.mTsData0, kPixels * 4), 0);
+            EXPECT_EQ(memcmp(dst.mTsData1, s.mTsData1, kPixels * 4), 0);
+        }
+        if (copied & OUT_IMAGE) {
+            EXPECT_EQ(dst.mImgSize, static_cast<uint32_t>(kPixels * 3));
+            EXPECT_EQ(memcmp(dst.mImgData, s.mImgData, kPixels * 3), 0);
+        }
+    }
 }
 
-TEST(CopyTo, copies_every_form_wanted_and_held) {
+TEST(CopyTo, sizes_follow_the_frame_and_never_overrun_the_destination) {
     DVSOutputData src(MVT94QX, kAllForms, kW, kH);
-    FillFrame(src, COLOR_RGB24);
-    DVSUIData dst(MVT94QX, kAllForms, kW, kH);
-    dst.mOutputType = 0;
-
-    ASSERT_EQ(src.CopyTo(kAllForms, &dst), ERR_SUCCESS);
-    EXPECT_EQ(dst.mOutputType, kAllForms);
-    EXPECT_EQ(dst.mDVSID, 7);
-    EXPECT_EQ(dst.mFrameIndex, 42u);
-    EXPECT_EQ(dst.mTotalEvents, 3u);
-    EXPECT_EQ(dst.mEventCount, 3);
-    EXPECT_EQ(memcmp(dst.mEvents, src.mUIData->mEvents, 3 * sizeof(PackedEvent)), 0);
-    EXPECT_EQ(dst.mEvents[2].X(), 2);
-    EXPECT_EQ(dst.mEvents[1].Polarity(), 1);
-    EXPECT_EQ(memcmp(dst.mBinData, src.mUIData->mBinData, kPixels), 0);
-    EXPECT_EQ(dst.mLastTimestamp, 555u);
-    EXPECT_EQ(memcmp(dst.mTsData0, src.mUIData->mTsData0, kPixels * 4), 0);
-    EXPECT_EQ(memcmp(dst.mTsData1, src.mUIData->mTsData1, kPixels * 4), 0);
-    EXPECT_EQ(dst.mImgSize, static_cast<uint32_t>(kPixels * 3));
-    EXPECT_EQ(memcmp(dst.mImgData, src.mUIData->mImgData, kPixels * 3), 0);
-}
-
-TEST(CopyTo, copies_only_the_wanted_forms) {
-    DVSOutputData src(MVT94QX, kAllForms, kW, kH);
-    FillFrame(src, COLOR_RGB24);
-    DVSUIData dst(MVT94QX, kAllForms, kW, kH);
-
-    ASSERT_EQ(src.CopyTo(OUT_EVENTS | OUT_TIME_SURFACE, &dst), ERR_SUCCESS);
-    EXPECT_EQ(dst.mOutputType, static_cast<uint32_t>(OUT_EVENTS | OUT_TIME_SURFACE));
-    EXPECT_TRUE(AllBytesAre(dst.mBinData, kPixels, 0xFF));
-    EXPECT_TRUE(AllZero(dst.mImgData, kPixels * 3));
-    EXPECT_EQ(dst.mTsData1[0], 2000u);
-}
-
-TEST(CopyTo, copies_forms_only_where_the_destination_has_the_store) {
-    DVSOutputData src(MVT94QX, kAllForms, kW, kH);
-    FillFrame(src, COLOR_RGB24);
-    DVSUIData dst(MVT94QX, OUT_EVENTS | OUT_POLARITY, kW, kH);
-
-    ASSERT_EQ(src.CopyTo(kAllForms, &dst), ERR_SUCCESS);
-    EXPECT_EQ(dst.mOutputType, static_cast<uint32_t>(OUT_EVENTS | OUT_POLARITY));
-    EXPECT_EQ(dst.mBinData[1], 1);
-}
-
-TEST(CopyTo, grey_image_uses_one_byte_per_pixel) {
-    DVSOutputData src(MVT94QX, OUT_IMAGE, kW, kH);
     FillFrame(src, COLOR_GRAY);
-    DVSUIData dst(MVT94QX, OUT_IMAGE, kW, kH);
-    ASSERT_EQ(src.CopyTo(OUT_IMAGE, &dst), ERR_SUCCESS);
-    EXPECT_EQ(dst.mColorFormat, COLOR_GRAY);
-    EXPECT_EQ(dst.mImgSize, static_cast<uint32_t>(kPixels));
-    EXPECT_EQ(memcmp(dst.mImgData, src.mUIData->mImgData, kPixels), 0);
-    EXPECT_EQ(dst.mImgData[kPixels], 0);
-
-    src.mUIData->mColorFormat = COLOR_YUV;
-    ASSERT_EQ(src.CopyTo(OUT_IMAGE, &dst), ERR_SUCCESS);
-    EXPECT_EQ(dst.mColorFormat, COLOR_YUV);
-    EXPECT_EQ(dst.mImgSize, static_cast<uint32_t>(kPixels * 3));
-}
-
-TEST(CopyTo, type_sharing_no_bit_with_the_frame_gives_11_and_touches_nothing) {
-    DVSOutputData src(MVT94QX, OUT_EVENTS, kW, kH);
-    FillFrame(src, COLOR_RGB24);
-    DVSUIData dst(MVT94QX, kAllForms, kW, kH);
-    EXPECT_EQ(src.CopyTo(OUT_POLARITY | OUT_IMAGE, &dst), ERR_NO_SPECIFIED_DATA);
-    EXPECT_EQ(dst.mFrameIndex, 0u);
-    EXPECT_EQ(dst.mOutputType, kAllForms);
-}
-
-TEST(CopyTo, destination_without_stores_gives_1) {
-    DVSOutputData src(MVT94QX, OUT_EVENTS | OUT_POLARITY, kW, kH);
-    DVSUIData imageOnly(MVT94QX, OUT_IMAGE, kW, kH);
-    EXPECT_EQ(src.CopyTo(OUT_EVENTS, &imageOnly), ERR_PARA_ERROR);
-    EXPECT_EQ(imageOnly.mOutputType, static_cast<uint32_t>(OUT_IMAGE));
     EXPECT_EQ(src.CopyTo(OUT_EVENTS, nullptr), ERR_PARA_ERROR);
-
-    // The same empty destination is not refused when the frame has an image to offer; it
-    // then fails on the forms instead.
-    DVSOutputData image(MVT94QX, OUT_IMAGE | OUT_EVENTS, kW, kH);
-    DVSUIData empty;
-    EXPECT_EQ(image.CopyTo(OUT_EVENTS, &empty), ERR_TYPE_MISMATCH);
-}
-
-TEST(CopyTo, nothing_copied_gives_15_with_the_header_copied) {
-    DVSOutputData src(MVT94QX, OUT_POLARITY, kW, kH);
-    FillFrame(src, COLOR_RGB24);
-    DVSUIData dst(MVT94QX, OUT_EVENTS, kW, kH);
-    EXPECT_EQ(src.CopyTo(OUT_POLARITY, &dst), ERR_TYPE_MISMATCH);
-    EXPECT_EQ(dst.mOutputType, 0u);
-    EXPECT_EQ(dst.mFrameIndex, 42u);
-    EXPECT_EQ(dst.mDVSID, 7);
-    EXPECT_EQ(dst.mWidth, kW);
-
-    // Time surfaces need the frame's second surface as well as the destination's store.
-    DVSOutputData ts(MVT94QX, OUT_TIME_SURFACE, kW, kH);
-    delete[] ts.mUIData->mTsData1;
-    ts.mUIData->mTsData1 = nullptr;
-    DVSUIData tsDst(MVT94QX, OUT_TIME_SURFACE, kW, kH);
-    EXPECT_EQ(ts.CopyTo(OUT_TIME_SURFACE, &tsDst), ERR_TYPE_MISMATCH);
-}
-
-TEST(CopyTo, destination_smaller_than_the_frame_is_never_overrun) {
-    DVSOutputData src(MVT94QX, kAllForms, kW, kH);
-    FillFrame(src, COLOR_RGB24);
-
+    // A grey image takes one byte per pixel.
+    DVSUIData grey(MVT94QX, OUT_IMAGE, kW, kH);
+    ASSERT_EQ(src.CopyTo(OUT_IMAGE, &grey), ERR_SUCCESS);
+    EXPECT_EQ(grey.mColorFormat, COLOR_GRAY);
+    EXPECT_EQ(grey.mImgSize, static_cast<uint32_t>(kPixels));
+    EXPECT_EQ(memcmp(grey.mImgData, src.mUIData->mImgData, kPixels), 0);
+    EXPECT_EQ(grey.mImgData[kPixels], 0);
+    // A larger destination takes the frame and reports the frame's size.
+    src.mUIData->mColorFormat = COLOR_YUV;
+    DVSUIData large(MVT94QX, OUT_IMAGE, kW * 2, kH);
+    ASSERT_EQ(src.CopyTo(OUT_IMAGE, &large), ERR_SUCCESS);
+    EXPECT_EQ(large.mColorFormat, COLOR_YUV);
+    EXPECT_EQ(large.mImgWidth, static_cast<uint32_t>(kW));
+    EXPECT_EQ(large.mImgSize, static_cast<uint32_t>(kPixels * 3));
+    // A short event list takes what fits.
     DVSUIData fewEvents(MVT94QX, OUT_EVENTS, kW, kH);
     ASSERT_EQ(fewEvents.ResizeEventContainer(2), ERR_SUCCESS);
     ASSERT_EQ(src.CopyTo(OUT_EVENTS, &fewEvents), ERR_SUCCESS);
     EXPECT_EQ(fewEvents.mEventCount, 2);
     EXPECT_EQ(fewEvents.mTotalEvents, 3u);
-
-    DVSUIData small(MVT94QX, OUT_POLARITY | OUT_TIME_SURFACE | OUT_IMAGE, kW - 1, kH);
-    EXPECT_EQ(src.CopyTo(kAllForms, &small), ERR_TYPE_MISMATCH);
-    EXPECT_EQ(small.mOutputType, 0u);
-
-    // A larger destination takes the frame and reports the frame's size.
-    DVSUIData large(MVT94QX, OUT_IMAGE, kW * 2, kH);
-    ASSERT_EQ(src.CopyTo(OUT_IMAGE, &large), ERR_SUCCESS);
-    EXPECT_EQ(large.mImgWidth, static_cast<uint32_t>(kW));
-    EXPECT_EQ(large.mImgSize, static_cast<uint32_t>(kPixels * 3));
+    // An empty destination is not refused when the frame has an image to offer: nothing fits.
+    DVSUIData empty;
+    EXPECT_EQ(src.CopyTo(OUT_EVENTS, &empty), ERR_TYPE_MISMATCH);
+    // Time surfaces need the frame's second surface as well as the destination's store.
+    delete[] src.mUIData->mTsData1;
+    src.mUIData->mTsData1 = nullptr;
+    DVSUIData ts(MVT94QX, OUT_TIME_SURFACE, kW, kH);
+    EXPECT_EQ(src.CopyTo(OUT_TIME_SURFACE, &ts), ERR_TYPE_MISMATCH);
 }
 
 }  // namespace
