@@ -466,7 +466,15 @@ TEST_F(FilePlayback, frame_export_needs_a_running_object_with_painted_frames) {
     EXPECT_EQ(dvs_->StartFrameSaving((dir_ + "/v").c_str(), 2), ERR_SUCCESS);
     EXPECT_EQ(dvs_->StartFrameSaving((dir_ + "/v").c_str(), 2), ERR_ALREADY_DONE);
     testing::internal::GetCapturedStdout();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // The caller's handle holds every frame it has not taken: frames must be taken, or a full
+    // pool stalls playback before the exporter sees one.
+    DVSUIData frame(MVT94QX, OUT_IMAGE, 960, 720);
+    unsigned char count = 0;
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    while (!fs::exists(dir_ + "/vMVT94QX-0.avi") && Clock::now() < deadline) {
+        dvs_->GetFrame(OUT_IMAGE, &frame, count);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     EXPECT_EQ(dvs_->Pause(), ERR_SUCCESS);  // ends the export too
     EXPECT_EQ(dvs_->StopFrameSaving(), ERR_ALREADY_DONE);
     EXPECT_EQ(dvs_->Stop(), ERR_SUCCESS);
