@@ -6,6 +6,8 @@
 #include "src/platform/cyusb.h"
 #include "src/platform/libusb_backend.h"
 #include "src/platform/usb_backend.h"
+#include "src/stream/fx20_stream.h"
+#include "src/stream/fx3_stream.h"
 
 namespace evcam {
 namespace {
@@ -45,6 +47,27 @@ TEST_F(LibusbBackendTest, finds_no_camera_and_fails_cleanly_on_missing_handles) 
     backend.Close(kVid, kPids[0]);
     backend.Close(kVid, kPids[0]);
     backend.Close(kVid, kPids[1]);
+}
+
+// The transports' own code over the real backend: scans return cleanly with nothing, and a
+// stream cannot be bound to a camera no scan has found.
+TEST_F(LibusbBackendTest, transports_scan_nothing_and_refuse_to_bind) {
+    for (auto scan : {&FX20Stream::ScanDVSDevice, &FX3Stream::ScanDVSDevice}) {
+        USBDevice* list = nullptr;
+        int count = -1;
+        const DVS_ERROR rc = scan(&list, count);
+        if (count > 0) {
+            GTEST_SKIP() << "a camera is attached";
+        }
+        EXPECT_EQ(rc, ERR_SUCCESS);
+        EXPECT_EQ(count, 0);
+        EXPECT_NE(list, nullptr);
+    }
+    FX20Stream fx20;
+    FX3Stream fx3;
+    EXPECT_EQ(fx20.SetDVSID(0), ERR_INVALID_DEVICE);
+    EXPECT_EQ(fx3.SetDVSID(1), ERR_INVALID_DEVICE);
+    EXPECT_EQ(fx20.SetDVSID(3), ERR_PARA_ERROR);
 }
 
 TEST_F(LibusbBackendTest, transfer_calls_refuse_a_handle_outside_the_list) {
