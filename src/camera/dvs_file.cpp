@@ -395,10 +395,7 @@ DVS_ERROR DVSFile::StopCommon() {
     return ERR_SUCCESS;
 }
 
-DVS_ERROR DVSFile::Start() {
-    if (mRunningStatus != kStopped) {
-        return ERR_ALREADY_DONE;
-    }
+DVS_ERROR DVSFile::Run(DVS_ERROR (Stream::*begin)()) {
     if (mFilePath.empty()) {
         return ERR_NO_FILE;
     }
@@ -409,7 +406,7 @@ DVS_ERROR DVSFile::Start() {
     if (rc != ERR_SUCCESS) {
         return rc;
     }
-    rc = mStream->Start();
+    rc = (mStream.get()->*begin)();
     if (rc != ERR_SUCCESS) {
         // A source that refuses to start (say, the file no longer checks) must not leave the
         // parser and the pools behind.
@@ -420,6 +417,13 @@ DVS_ERROR DVSFile::Start() {
     return ERR_SUCCESS;
 }
 
+DVS_ERROR DVSFile::Start() {
+    if (mRunningStatus != kStopped) {
+        return ERR_ALREADY_DONE;
+    }
+    return Run(&Stream::Start);
+}
+
 DVS_ERROR DVSFile::Resume() {
     if (mRunningStatus == kStopped) {
         return ERR_NOT_START;
@@ -427,23 +431,7 @@ DVS_ERROR DVSFile::Resume() {
     if (mRunningStatus == kRunning) {
         return ERR_ALREADY_DONE;
     }
-    if (mFilePath.empty()) {
-        return ERR_NO_FILE;
-    }
-    if (mVersion == SELECT_VERSION) {
-        return ERR_UNKNOWN_VERSION;
-    }
-    DVS_ERROR rc = StartCommon();
-    if (rc != ERR_SUCCESS) {
-        return rc;
-    }
-    rc = mStream->Resume();
-    if (rc != ERR_SUCCESS) {
-        StopCommon();
-        return rc;
-    }
-    mRunningStatus = kRunning;
-    return ERR_SUCCESS;
+    return Run(&Stream::Resume);
 }
 
 DVS_ERROR DVSFile::Pause() {

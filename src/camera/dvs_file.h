@@ -10,6 +10,7 @@
 namespace evcam {
 
 class FileStream;
+class Stream;
 class MatSave;
 class PacketBuffer;
 class PacketParser;
@@ -45,6 +46,9 @@ class DVSFile : public DVS {
   private:
     enum RunState : int32_t { kStopped = 0, kRunning = 1, kPaused = 2 };
 
+    /// Start and Resume past their state checks: builds the run and begins the source with
+    /// begin (Stream::Start or Stream::Resume); tears the run down again when the source refuses.
+    DVS_ERROR Run(DVS_ERROR (Stream::*begin)());
     /// Builds the pools and starts parser and delivery; tears down again on failure.
     DVS_ERROR StartCommon();
     /// Stops parser and delivery and frees the pools.
