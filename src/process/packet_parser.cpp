@@ -272,7 +272,8 @@ bool PacketParser::DecodeWord(const uint8_t* word, InputArg& arg, bool exempt) {
         return true;
     }
 
-    if (!exempt && mSkipUntil - mSkipPeriod <= mRefMs[ch] && mRefMs[ch] < mSkipUntil) {
+    const uint32_t skipPeriod = mSkipPeriod.load(std::memory_order_relaxed);
+    if (!exempt && mSkipUntil - skipPeriod <= mRefMs[ch] && mRefMs[ch] < mSkipUntil) {
         return true;
     }
 
@@ -300,10 +301,10 @@ bool PacketParser::DecodeWord(const uint8_t* word, InputArg& arg, bool exempt) {
         result = AnalyzeData(arg, b2, group2 * 8);
     }
     if (result == ERR_NO_FREE_NODE) {
-        if (mSkipPeriod == 0) {
+        if (skipPeriod == 0) {
             return false;
         }
-        mSkipUntil = static_cast<uint64_t>(mRefMs[ch]) + mSkipPeriod;
+        mSkipUntil = static_cast<uint64_t>(mRefMs[ch]) + skipPeriod;
     }
     return true;
 }

@@ -129,7 +129,8 @@ class PacketParser {
     AddEventCallback mAddEventCbk = nullptr;
 
     uint64_t mSkipUntil = 0;  ///< end of the skipped span in sensor ms; 0 until the first ms word
-    uint32_t mSkipPeriod = kDefaultSkipPeriodMs;
+    /// The owner may change it while the parse thread runs (a live frame period change).
+    std::atomic<uint32_t> mSkipPeriod{kDefaultSkipPeriodMs};
 
     RateCallback mRawFpsCbk = nullptr;
     void* mRawFpsUser = nullptr;

@@ -1,7 +1,9 @@
 #include "src/stream/device_stream.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <system_error>
 #include <vector>
 
@@ -23,6 +25,29 @@ constexpr uint64_t kPeriodMs = 999;
 constexpr unsigned char kBufferFill = 0xEF;
 // How long requests may keep failing with 1 or 102 before the device counts as gone.
 constexpr uint64_t kDeviceGoneMs = 250;
+
+// Line buffers of the bias file: the header check and the apply read in chunks of their own
+// size, and existing files are laid out for exactly these.
+constexpr int kBiasCheckLine = 512;
+constexpr int kBiasApplyLine = 1000;
+constexpr char kBiasVersionLine[] = "//@ DVS_VERSION MVT94QX";
+constexpr char kBiasSingleLine[] = "//@ Single";
+constexpr char kBiasStereoLine[] = "//@ Stereo";
+constexpr char kBiasCdvsLine[] = "//@ CDVS";
+constexpr char kBiasDescriptionPrefix[] = "//@ Description ";
+
+struct FileCloser {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+FilePtr OpenForReading(const char* path) {
+    FILE* file = nullptr;
+    if (DVSOpenFile(&file, path, "r") != 0) {
+        return nullptr;
+    }
+    return FilePtr(file);
+}
 
 }  // namespace
 
@@ -180,6 +205,114 @@ DVS_ERROR DeviceStream::SetSavingPacketBuffer(PacketBuffer* buffer) {
     mSavingPacketBuffer = nullptr;
     while (mSavingBusy) {
         DVSSleep(1);
+    }
+    return ERR_SUCCESS;
+}
+
+bool DeviceStream::IsValidBiasFile(BiasFileItem& item) {
+    FilePtr file = OpenForReading(item.filePath);
+    if (!file) {
+        return false;
+    }
+    enum class Expect { kVersion, kArrangement, kDescription };
+    Expect expect = Expect::kVersion;
+    char line[kBiasCheckLine];
+    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
+        if (std::strlen(line) == 1) {
+            continue;
+        }
+        bias::strtrim(line);
+        if (line[0] == '\0') {
+            continue;
+        }
+        switch (expect) {
+            case Expect::kVersion:
+                if (std::strcmp(line, kBiasVersionLine) != 0) {
+                    return false;
+                }
+                item.dvsVersion = MVT94QX;
+                expect = Expect::kArrangement;
+                break;
+            case Expect::kArrangement:
+                if (std::strcmp(line, kBiasStereoLine) == 0) {
+                    item.dvsVersion = MVT94QX_STEREO;
+                } else if (std::strcmp(line, kBiasSingleLine) != 0) {
+                    return false;
+                }
+                expect = Expect::kDescription;
+                break;
+            case Expect::kDescription: {
+                if (std::strcmp(line, kBiasCdvsLine) == 0) {
+                    item.isCDVS = true;
+                    break;
+                }
+                const size_t prefix = sizeof kBiasDescriptionPrefix - 1;
+                if (std::strncmp(line, kBiasDescriptionPrefix, prefix) != 0) {
+                    return false;
+                }
+                // A longer description is cut to fit: it is only informative.
+                const char* rest = line + prefix;
+                const size_t length = std::min(std::strlen(rest), sizeof item.description - 1);
+                std::memcpy(item.description, rest, length);
+                item.description[length] = '\0';
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+DVS_ERROR DeviceStream::SetBias(const char* path) {
+    if (path == nullptr || path[0] == '\0') {
+        return ERR_PARA_ERROR;
+    }
+    BiasFileItem item;
+    const size_t length = std::strlen(path);
+    if (length >= sizeof item.filePath) {
+        return ERR_PARA_ERROR;
+    }
+    if (mDVSID == kNoDVSID) {
+        return ERR_INVALID_DEVICE;
+    }
+    if (mRunningStatus) {
+        return ERR_DEVICE_IN_USE;
+    }
+    std::memcpy(item.filePath, path, length + 1);
+    if (!IsValidBiasFile(item)) {
+        return ERR_INVALID_FILE;
+    }
+    // Taken before any write and kept when one fails: the header alone decides how the
+    // sensor's data is read.
+    SetSensorVersion(item.dvsVersion);
+
+    FilePtr file = OpenForReading(path);
+    if (!file) {
+        return ERR_OPEN_FILE;
+    }
+    char line[kBiasApplyLine];
+    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
+        // Unlike the header check, the apply ignores a last line that no line feed ends;
+        // existing files are written for this.
+        if (std::feof(file.get())) {
+            break;
+        }
+        if (std::strlen(line) == 1) {
+            continue;
+        }
+        int slave = 0;
+        int reg = 0;
+        int value = 0;
+        const int kind = bias::parseString(line, &slave, &reg, &value);
+        if (kind == bias::kParseRegister) {
+            const DVS_ERROR rc = WriteI2CReg(slave, reg, value);
+            if (rc != ERR_SUCCESS) {
+                std::printf("ERROR: write register fail:slvAddr:%d, adr:%d, val:%d\n", slave, reg,
+                            value);
+                return rc;
+            }
+        } else if (kind == bias::kParseWait) {
+            DVSSleep(static_cast<unsigned int>(value));
+        }
     }
     return ERR_SUCCESS;
 }

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <thread>
 
+#include "src/stream/bias_file.h"
 #include "src/stream/stream.h"
 #include "src/stream/usb_device_table.h"
 
@@ -73,6 +74,22 @@ class DeviceStream : public Stream {
     /// delivering to it at its next transfer, and the pool must live until Stop returns.
     /// @return 0.
     DVS_ERROR SetPacketBuffer(PacketBuffer* buffer) override;
+
+    /// Loads a bias settings file: checks its header (IsValidBiasFile), takes its version,
+    /// then writes its register lines in file order through WriteI2CReg and sleeps its wait
+    /// lines. A last line without a line feed is not applied. The version stays even when a
+    /// write fails; the registers written before stay too. Blocks on USB and on the waits.
+    /// Owner's thread.
+    /// @return 0; 1 for a null or empty path, or one of 260 bytes or more; 101 when unbound;
+    ///         100 while running; 207 for an invalid file; 202 when it cannot be reopened;
+    ///         the result of a failed write (after "ERROR: write register fail:..." on
+    ///         standard output).
+    DVS_ERROR SetBias(const char* path) override;
+
+    /// Checks the header of the file item.filePath (read in lines of up to 511 bytes, a last
+    /// line without line feed included) and fills dvsVersion, isCDVS and description.
+    /// @return true when the header is complete and in order. Any thread.
+    static bool IsValidBiasFile(BiasFileItem& item);
 
     /// The recorder's pool, filled before the parser's and never dropped from. With a pool:
     /// disables its dropping and takes it on success. With null: forgets the pool and blocks

@@ -11,6 +11,9 @@ namespace evcam::tool {
 void AddSynthCommand(CLI::App& app, int* status);
 void AddInfoCommand(CLI::App& app, int* status);
 void AddPlayCommand(CLI::App& app, int* status);
+void AddDevicesCommand(CLI::App& app, int* status);
+void AddRecordCommand(CLI::App& app, int* status);
+void AddLiveCommand(CLI::App& app, int* status);
 
 }  // namespace evcam::tool
 

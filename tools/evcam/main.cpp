@@ -1,4 +1,5 @@
-// evcam: make, inspect and play event camera recordings from the command line.
+// evcam: list, stream and record event cameras, and make, inspect and play recordings, from
+// the command line.
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
@@ -12,6 +13,9 @@ int main(int argc, char** argv) {
     evcam::tool::AddSynthCommand(app, &status);
     evcam::tool::AddInfoCommand(app, &status);
     evcam::tool::AddPlayCommand(app, &status);
+    evcam::tool::AddDevicesCommand(app, &status);
+    evcam::tool::AddRecordCommand(app, &status);
+    evcam::tool::AddLiveCommand(app, &status);
     CLI11_PARSE(app, argc, argv);
     return status;
 }
