@@ -7,6 +7,7 @@ packages=(
     g++ make cmake pkg-config
     libgtest-dev libgmock-dev libbenchmark-dev
     libusb-1.0-0-dev
+    umockdev libumockdev-dev libglib2.0-dev
     libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev libopencv-videoio-dev
     libcli11-dev
 )

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <tuple>
 #include <unordered_map>
 
@@ -26,15 +27,10 @@ LibusbBackend::Use::Use(LibusbBackend& backend, libusb_device_handle* handle) : 
     }
     std::lock_guard<std::mutex> lock(backend.mMutex);
     for (auto& entry : backend.mLists) {
-        List& list = entry.second;
-        if (list.closing) {
-            continue;
-        }
-        for (const Device& device : list.devices) {
-            if (device.handle == handle) {
-                mList = &list;
-                mDevice = &device;
-                ++list.users;
+        for (Device* device : entry.second.listed) {
+            if (device->handle == handle) {
+                mDevice = device;
+                ++device->users;
                 return;
             }
         }
@@ -42,18 +38,22 @@ LibusbBackend::Use::Use(LibusbBackend& backend, libusb_device_handle* handle) : 
 }
 
 LibusbBackend::Use::~Use() {
-    if (mList == nullptr) {
+    if (mDevice == nullptr) {
         return;
     }
     std::lock_guard<std::mutex> lock(mBackend.mMutex);
-    --mList->users;
+    --mDevice->users;
     mBackend.mIdle.notify_all();
 }
 
 LibusbBackend::~LibusbBackend() {
     std::lock_guard<std::mutex> change(mListChange);
-    while (!mLists.empty()) {
-        CloseList(mLists.begin()->first);
+    for (auto& entry : mLists) {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            entry.second.listed.clear();
+        }
+        CloseParked(entry.first);
     }
     if (mInitResult == 0) {
         libusb_exit(nullptr);
@@ -65,10 +65,34 @@ int LibusbBackend::EnsureInit() {
     return mInitResult;
 }
 
+std::unique_ptr<LibusbBackend::Device> LibusbBackend::OpenDevice(libusb_device* dev, uint16_t vid,
+                                                                 uint16_t pid) {
+    libusb_device_handle* handle = nullptr;
+    if (libusb_open(dev, &handle) != 0) {
+        return nullptr;
+    }
+    const bool detach = libusb_kernel_driver_active(handle, kInterface) == 1;
+    if ((detach && libusb_detach_kernel_driver(handle, kInterface) != 0) ||
+        libusb_claim_interface(handle, kInterface) != 0) {
+        if (detach) {
+            libusb_attach_kernel_driver(handle, kInterface);
+        }
+        libusb_close(handle);
+        return nullptr;
+    }
+    return std::unique_ptr<Device>(new Device{handle, dev, libusb_get_bus_number(dev),
+                                              libusb_get_device_address(dev), vid, pid, detach});
+}
+
 int LibusbBackend::Open(uint16_t vid, uint16_t pid) {
     std::lock_guard<std::mutex> change(mListChange);
     const ListKey key(vid, pid);
-    CloseList(key);
+    List* entry;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        entry = &mLists[key];
+        entry->listed.clear();
+    }
     const int init = EnsureInit();
     if (init != 0) {
         return init;
@@ -78,82 +102,103 @@ int LibusbBackend::Open(uint16_t vid, uint16_t pid) {
     if (count < 0) {
         return static_cast<int>(count);
     }
-    std::vector<std::tuple<uint8_t, uint8_t, libusb_device*>> matches;
+    std::vector<libusb_device*> matches;
     for (ssize_t i = 0; i < count; ++i) {
         libusb_device_descriptor descriptor;
         if (libusb_get_device_descriptor(list[i], &descriptor) == 0 && descriptor.idVendor == vid &&
             descriptor.idProduct == pid) {
-            matches.emplace_back(libusb_get_bus_number(list[i]), libusb_get_device_address(list[i]),
-                                 list[i]);
+            matches.push_back(list[i]);
         }
     }
-    std::sort(matches.begin(), matches.end(), [](const auto& a, const auto& b) {
-        return std::tie(std::get<0>(a), std::get<1>(a)) < std::tie(std::get<0>(b), std::get<1>(b));
+    std::sort(matches.begin(), matches.end(), [](libusb_device* a, libusb_device* b) {
+        return std::make_tuple(libusb_get_bus_number(a), libusb_get_device_address(a)) <
+               std::make_tuple(libusb_get_bus_number(b), libusb_get_device_address(b));
     });
-    std::vector<Device> devices;
-    for (const auto& match : matches) {
-        libusb_device_handle* handle = nullptr;
-        if (libusb_open(std::get<2>(match), &handle) != 0) {
-            continue;
-        }
-        const bool detach = libusb_kernel_driver_active(handle, kInterface) == 1;
-        if ((detach && libusb_detach_kernel_driver(handle, kInterface) != 0) ||
-            libusb_claim_interface(handle, kInterface) != 0) {
-            if (detach) {
-                libusb_attach_kernel_driver(handle, kInterface);
+    // Devices are added and erased only under mListChange, which this thread holds.
+    std::vector<Device*> listed;
+    for (libusb_device* dev : matches) {
+        Device* parked = nullptr;
+        for (const auto& device : entry->devices) {
+            if (device->device == dev) {
+                parked = device.get();
             }
-            libusb_close(handle);
+        }
+        if (parked != nullptr) {
+            listed.push_back(parked);
             continue;
         }
-        devices.push_back({handle, std::get<0>(match), std::get<1>(match), vid, pid, detach});
+        std::unique_ptr<Device> opened = OpenDevice(dev, vid, pid);
+        if (opened != nullptr) {
+            listed.push_back(opened.get());
+            std::lock_guard<std::mutex> lock(mMutex);
+            entry->devices.push_back(std::move(opened));
+        }
     }
     // The handles keep their own references to the devices.
     libusb_free_device_list(list, 1);
-    const int opened = static_cast<int>(devices.size());
-    std::lock_guard<std::mutex> lock(mMutex);
-    mLists[key].devices = std::move(devices);
-    return opened;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        entry->listed = listed;
+    }
+    CloseParked(key);
+    return static_cast<int>(listed.size());
 }
 
 libusb_device_handle* LibusbBackend::GetHandle(uint16_t vid, uint16_t pid, int index) {
     std::lock_guard<std::mutex> lock(mMutex);
     const auto it = mLists.find(ListKey(vid, pid));
-    if (it == mLists.end() || it->second.closing || index < 0 ||
-        index >= static_cast<int>(it->second.devices.size())) {
+    if (it == mLists.end() || index < 0 || index >= static_cast<int>(it->second.listed.size())) {
         return nullptr;
     }
-    return it->second.devices[static_cast<size_t>(index)].handle;
+    return it->second.listed[static_cast<size_t>(index)]->handle;
 }
 
 void LibusbBackend::Close(uint16_t vid, uint16_t pid) {
     std::lock_guard<std::mutex> change(mListChange);
-    CloseList(ListKey(vid, pid));
+    std::lock_guard<std::mutex> lock(mMutex);
+    const auto it = mLists.find(ListKey(vid, pid));
+    if (it != mLists.end()) {
+        it->second.listed.clear();
+    }
 }
 
-void LibusbBackend::CloseList(const ListKey& key) {
+void LibusbBackend::CloseParked(const ListKey& key) {
     std::unique_lock<std::mutex> lock(mMutex);
-    const auto it = mLists.find(key);
-    if (it == mLists.end()) {
+    List& list = mLists[key];
+    std::vector<Device*> parked;
+    for (const auto& device : list.devices) {
+        if (std::find(list.listed.begin(), list.listed.end(), device.get()) == list.listed.end()) {
+            parked.push_back(device.get());
+        }
+    }
+    if (parked.empty()) {
         return;
     }
-    List& list = it->second;
-    list.closing = true;
-    mIdle.wait(lock, [&list] { return list.users == 0; });
+    // No new operation can start on a parked handle; wait for those under way.
+    mIdle.wait(lock, [&parked] {
+        return std::all_of(parked.begin(), parked.end(),
+                           [](const Device* device) { return device->users == 0; });
+    });
     std::vector<libusb_device_handle*> handles;
-    for (const Device& device : list.devices) {
-        handles.push_back(device.handle);
+    for (const Device* device : parked) {
+        handles.push_back(device->handle);
     }
     lock.unlock();
     ReapTransfers(handles.data(), handles.size(), nullptr);
-    lock.lock();
-    for (const Device& device : list.devices) {
-        libusb_release_interface(device.handle, kInterface);
-        if (device.driverDetached) {
-            libusb_attach_kernel_driver(device.handle, kInterface);
+    for (const Device* device : parked) {
+        libusb_release_interface(device->handle, kInterface);
+        if (device->driverDetached) {
+            libusb_attach_kernel_driver(device->handle, kInterface);
         }
-        libusb_close(device.handle);
+        libusb_close(device->handle);
     }
-    mLists.erase(it);
+    lock.lock();
+    list.devices.erase(std::remove_if(list.devices.begin(), list.devices.end(),
+                                      [&parked](const std::unique_ptr<Device>& device) {
+                                          return std::find(parked.begin(), parked.end(),
+                                                           device.get()) != parked.end();
+                                      }),
+                       list.devices.end());
 }
 
 bool LibusbBackend::ReapTransfers(libusb_device_handle* const* handles, size_t count,

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -20,17 +21,22 @@ namespace evcam {
 /// Each vendor and product id has a list of its own; closing one leaves the others, their
 /// handles and their transfers alone.
 ///
-/// Guards against what libusb would turn into use of freed memory:
-/// - Every operation on a handle checks that it belongs to an open list (else
-///   LIBUSB_ERROR_NO_DEVICE, or 0 for GetVendor/GetProduct) and keeps that list from closing
-///   until it returns.
-/// - Closing a list marks it closing (later operations on its handles fail with
-///   LIBUSB_ERROR_NO_DEVICE), waits for operations in progress on its handles (a synchronous
-///   read may take up to its time-out), cancels every transfer still queued on them and
-///   handles events on the calling thread until all have completed, their callbacks included
-///   (for at most 2 s; a transfer that never completes is left to libusb's own close). Only
-///   then are the interfaces released, detached kernel drivers re-attached and the handles
-///   closed.
+/// Closing and re-opening a list keeps the cameras that are still attached: the transports
+/// re-open their list on every register access and scan, also while a camera streams, and a
+/// camera's interface is not given up and its queued transfers are not cut short for that.
+/// - Close parks the list's handles: from then on they are refused like unknown handles
+///   (LIBUSB_ERROR_NO_DEVICE, or 0 for GetVendor/GetProduct, and GetHandle gives null), but
+///   they stay open with their interface claimed, and their queued transfers go on and
+///   complete as usual. Operations already in progress on them finish normally.
+/// - Open lists the attached devices of the id; a device whose parked handle is still open
+///   gets that same handle back, so handles fetched before the close work again and transfers
+///   queued on them never noticed. Only a parked handle whose device is no longer attached (or
+///   no longer has this id) is really closed.
+/// - Really closing a handle waits for the operations in progress on it (a synchronous read
+///   may take up to its time-out), cancels every transfer still queued on it and handles
+///   events on the calling thread until all have completed, their callbacks included (for at
+///   most 2 s; a transfer that never completes is left to libusb's own close). Only then is
+///   the interface released, a detached kernel driver re-attached and the handle closed.
 /// - FreeTransfer on a transfer still queued cancels it and reaps it the same way first; one
 ///   that cannot be reaped in 2 s is leaked rather than freed under libusb.
 /// Thread-safe; no lock is held while a callback runs.
@@ -43,12 +49,14 @@ class LibusbBackend : public UsbBackend {
     LibusbBackend& operator=(const LibusbBackend&) = delete;
 
     /// Closes this id's list, then enumerates the devices with this id in (bus, address)
-    /// order; for each, opens it, detaches an active kernel driver from interface 0 and claims
-    /// the interface. A device that fails any step is skipped. @return the devices kept, or the
-    /// negative libusb error of initialising or enumerating.
+    /// order; each takes back its parked handle, or is opened: an active kernel driver is
+    /// detached from interface 0 and the interface claimed. A device that fails any step is
+    /// skipped. Parked handles left over are closed (see above), which may block.
+    /// @return the devices listed, or the negative libusb error of initialising or
+    ///         enumerating (the parked handles then stay parked).
     int Open(uint16_t vid, uint16_t pid) override;
     libusb_device_handle* GetHandle(uint16_t vid, uint16_t pid, int index) override;
-    /// Blocks until the list's operations in progress and transfers are done (see above).
+    /// Parks the list's handles (see above). Does not block.
     void Close(uint16_t vid, uint16_t pid) override;
     int ControlTransfer(libusb_device_handle* handle, uint8_t bmRequestType, uint8_t bRequest,
                         uint16_t wValue, uint16_t wIndex, unsigned char* data, uint16_t wLength,
@@ -73,39 +81,42 @@ class LibusbBackend : public UsbBackend {
   private:
     struct Device {
         libusb_device_handle* handle;
+        libusb_device* device;  ///< the handle's device, to recognise it at the next open
         uint8_t bus;
         uint8_t address;
         uint16_t vendor;
         uint16_t product;
         bool driverDetached;
+        int users = 0;  ///< operations in progress on the handle
     };
     /// Vendor and product id of a list.
     using ListKey = std::pair<uint16_t, uint16_t>;
-    /// The open devices of one id.
+    /// The handles of one id.
     struct List {
-        std::vector<Device> devices;
-        bool closing = false;
-        int users = 0;  ///< operations in progress on its handles
+        /// Every handle still open for this id, listed or parked; a Device never moves.
+        std::vector<std::unique_ptr<Device>> devices;
+        /// The open list by index; empty while the list is closed (every handle parked).
+        std::vector<Device*> listed;
     };
-    /// Keeps the list open while an operation uses one of its handles.
+    /// Keeps a listed handle from being really closed while an operation uses it.
     class Use {
       public:
         Use(LibusbBackend& backend, libusb_device_handle* handle);
         ~Use();
         Use(const Use&) = delete;
         Use& operator=(const Use&) = delete;
-        /// The device of the handle, or null when it is not of an open list (or its list is
-        /// closing).
+        /// The device of the handle, or null when it is not in an open list.
         const Device* device() const { return mDevice; }
 
       private:
         LibusbBackend& mBackend;
-        List* mList = nullptr;
-        const Device* mDevice = nullptr;
+        Device* mDevice = nullptr;
     };
 
-    /// Closes the list of key, when open; with mListChange held.
-    void CloseList(const ListKey& key);
+    /// Really closes the devices of key's list that are not listed; with mListChange held.
+    void CloseParked(const ListKey& key);
+    /// Opens dev and claims its interface. @return the device, or null when a step fails.
+    static std::unique_ptr<Device> OpenDevice(libusb_device* dev, uint16_t vid, uint16_t pid);
     /// libusb_init of the default context, once. @return 0 or its error.
     int EnsureInit();
     /// Cancels the queued transfers that match and handles events until they are reaped.
@@ -119,9 +130,9 @@ class LibusbBackend : public UsbBackend {
     // libusb runs callbacks of the transports.
     std::mutex mListChange;  ///< serialises Open and Close, of every id
     std::mutex mMutex;
-    std::condition_variable mIdle;  ///< notified when the users of a list drop
-    // Guarded by mMutex; entries are added and erased only with mListChange held too, so a
-    // List stays where it is while a Use or a close refers to it:
+    std::condition_variable mIdle;  ///< notified when the users of a handle drop
+    // Guarded by mMutex; devices are added and erased only with mListChange held too, so a
+    // Device stays where it is while a Use or a close refers to it:
     std::map<ListKey, List> mLists;
 };
 

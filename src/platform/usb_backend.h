@@ -36,9 +36,11 @@ class UsbBackend {
     /// The open handle of device index of this id's list, or null (list not open, bad index).
     virtual libusb_device_handle* GetHandle(uint16_t vid, uint16_t pid, int index) = 0;
     /// Closes every device of this id's list (nothing when it is not open); its handles become
-    /// invalid (a later call with one fails with LIBUSB_ERROR_NO_DEVICE or is ignored, it
-    /// never crashes). Transfers still queued on them complete with LIBUSB_TRANSFER_NO_DEVICE
-    /// or LIBUSB_TRANSFER_CANCELLED.
+    /// invalid for requests (a later call with one fails with LIBUSB_ERROR_NO_DEVICE or is
+    /// ignored, it never crashes). Transfers still queued on them either complete with
+    /// LIBUSB_TRANSFER_NO_DEVICE or LIBUSB_TRANSFER_CANCELLED, or, in a backend that keeps the
+    /// handle of a device that is still attached, go on: the next Open then hands the same
+    /// handle back for that device (the libusb backend does this; the simulated bus ends them).
     virtual void Close(uint16_t vid, uint16_t pid) = 0;
 
     // -- Requests on a handle of an open list.

@@ -31,7 +31,9 @@ constexpr int kRingSlots = 4;
 /// (the latest scan no longer lists the camera), or when requests keep failing with 1 or 102
 /// (no handle, no device) for 250 ms with no transfer getting through. Shorter failures, as
 /// when a register access or a scan closes and re-opens the device list under a streaming
-/// thread, are survived: the data in flight then is lost and streaming goes on. The stream
+/// thread, are survived and streaming goes on. Over libusb a register access keeps the handles
+/// of attached cameras and loses nothing; a scan (the FX20 transport cancels its ring) and the
+/// simulated bus lose the transfers in flight. The stream
 /// stays marked running until Stop, as it always was; IsReading() tells whether data still
 /// flows.
 class DeviceStream : public Stream {

@@ -3,6 +3,7 @@
 #include <sys/time.h>
 
 #include <cstdio>
+#include <cstring>
 
 #include "src/platform/cyusb.h"
 
@@ -30,6 +31,7 @@ bool UsableEntry(const DevDBEntry* entry) {
 }  // namespace
 
 libusb_transfer* FX20Stream::mTransfers[kDevTableSize][kRingSlots] = {};
+std::vector<unsigned char> FX20Stream::mSlotBuffers[kDevTableSize][kRingSlots];
 TransferCtx FX20Stream::mTransferCtx[kDevTableSize][kRingSlots];
 
 FX20Stream::FX20Stream() : DeviceStream(true) {}
@@ -169,6 +171,11 @@ DVS_ERROR FX20Stream::BeginRawXfer(unsigned char* buf, unsigned int len, int slo
         return ERR_ALREADY_DONE;
     }
     mSlotIndex[slot] = idx;
+    mSlotTarget[slot] = buf;
+    std::vector<unsigned char>& own = mSlotBuffers[idx][slot];
+    if (own.size() < len) {
+        own.resize(len);
+    }
     ctx.mDone = 0;
     ctx.mStatus = 0;
     ctx.mActualLength = 0;
@@ -186,7 +193,7 @@ DVS_ERROR FX20Stream::BeginRawXfer(unsigned char* buf, unsigned int len, int slo
     transfer->length = static_cast<int>(len);
     transfer->callback = &FX20Stream::BulkTransferCallback;
     transfer->user_data = &ctx;
-    transfer->buffer = buf;
+    transfer->buffer = own.data();
     const int rc = usb_submit_transfer(transfer);
     if (rc != 0) {
         ctx.mStatus = rc;
@@ -206,7 +213,8 @@ DVS_ERROR FX20Stream::FinishRawXfer(unsigned char* buf, unsigned int, unsigned i
     // A claimed transfer is collected on the list index it was submitted on, even when a scan
     // has since moved or dropped the entry: it must come back before its buffer is reused.
     int idx = mSlotIndex[slot];
-    if (idx < 0 || !mTransferCtx[idx][slot].mClaimed) {
+    const bool claimed = idx >= 0 && mTransferCtx[idx][slot].mClaimed;
+    if (!claimed) {
         if (!UsableEntry(mDevEntry)) {
             return ERR_INVALID_DEVICE;
         }
@@ -238,6 +246,15 @@ DVS_ERROR FX20Stream::FinishRawXfer(unsigned char* buf, unsigned int, unsigned i
     }
     ctx.mClaimed = false;
     *actual = ctx.mActualLength;
+    if (claimed) {
+        std::memcpy(mSlotTarget[slot], mSlotBuffers[idx][slot].data(), *actual);
+    }
+    if (ctx.mStatus == LIBUSB_TRANSFER_STALL) {
+        // A halted endpoint fails every later read at once and so never times out into
+        // DevReset: the halt is cleared here, on the handle the read used.
+        RwReadGuard guard(lock);
+        cyusb_clear_halt(mTransfers[idx][slot]->dev_handle, kDataEndpoint);
+    }
     switch (ctx.mStatus) {
         case LIBUSB_TRANSFER_COMPLETED:
             return *actual == 0 ? ERR_TIMEOUT : ERR_SUCCESS;

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <vector>
 
 #include "evcam/usb_device.h"
 #include "src/stream/device_stream.h"
@@ -36,11 +37,12 @@ struct TransferCtx {
 /// and, held for reading, the submission and cancellation of ring transfers (so that a register
 /// access or a scan that re-opens the device list never interleaves with them).
 ///
-/// A register access while the ring streams closes and re-opens the device list: transfers
-/// queued on the old list end early (no-device or cancelled), their bytes are lost, and the
-/// read thread re-queues each slot on the new list and goes on streaming. A scan does the same
-/// to a streaming ring: it cancels the transfers a read thread still has to collect and frees
-/// only the others.
+/// A register access while the ring streams closes and re-opens the device list. The libusb
+/// backend keeps the handle of a camera still attached, so the ring's transfers go on
+/// undisturbed; where a backend ends them instead (the simulated bus: no-device), their bytes
+/// are lost and the read thread re-queues each slot on the new list and goes on streaming. A
+/// scan cancels the transfers a read thread still has to collect, and frees only the others:
+/// they are lost the same way.
 class FX20Stream : public DeviceStream {
   public:
     FX20Stream();
@@ -62,19 +64,23 @@ class FX20Stream : public DeviceStream {
     DVS_ERROR SetStart() override;
     /// Marks the device free. @return 0, 1 when unbound, 4 when not in use.
     DVS_ERROR SetStop() override;
-    /// One synchronous bulk read under the scan lock (held for reading).
-    /// @return 0; 14; 102; 107; 1 for null pointers or no handle; 101 when unbound.
+    /// One synchronous bulk read under the scan lock (held for reading); a stall clears the
+    /// endpoint's halt. @return 0; 14; 102; 107 (a stall included); 1 for null pointers or no
+    /// handle; 101 when unbound.
     DVS_ERROR ReadRawData(unsigned char* buf, unsigned int len, unsigned int* actual) override;
-    /// Submits the slot's transfer (allocated once per list index and slot) for len bytes
-    /// into buf. @return 0; 1 for null buf, slot outside 0..3 or no handle; 101 when unbound,
-    /// absent or the list index is above 2; 4 when the slot is still in flight; 107 when the
-    /// transfer cannot be allocated or submitted (the next FinishRawXfer then answers 107).
+    /// Submits the slot's transfer (allocated once per list index and slot) for len bytes,
+    /// which FinishRawXfer copies into buf; buf must stay valid until then. @return 0; 1 for null
+    /// buf, slot outside 0..3 or no handle; 101 when unbound, absent or the list index is above 2;
+    /// 4 when the slot is still in flight; 107 when the transfer cannot be allocated or submitted
+    /// (the next FinishRawXfer then answers 107).
     DVS_ERROR BeginRawXfer(unsigned char* buf, unsigned int len, int slot) override;
-    /// Waits for the slot's transfer in 1 ms event polls, at least one and at most polls; on
-    /// time-out (or when the event loop reports the device gone) cancels it and waits until
-    /// the cancellation completes, so that the buffer is never reused while the transfer is
-    /// owned by USB. buf is only checked for null and len is unused. Runs completion callbacks
-    /// on the calling thread, which must be the one that called BeginRawXfer.
+    /// Waits for the slot's transfer in 1 ms event polls (at least one, at most polls) and
+    /// copies its bytes into the buffer BeginRawXfer was given for the slot. On time-out (or
+    /// when the event loop reports the device gone) cancels it and waits until the
+    /// cancellation completes, so that the transfer is never reused while USB owns it. A
+    /// stalled transfer clears the endpoint's halt before returning. buf is only checked for
+    /// null and len is unused. The calling thread must be the one that called BeginRawXfer;
+    /// completion callbacks run on it or on any other thread that handles USB events.
     /// @return 0 with bytes; 14 for a time-out, a cancellation or no bytes (*actual 0 after a
     ///         time-out); 102 when the device is gone; 107 for other failures, including a
     ///         refused submission; 1 for null pointers, a bad slot or no transfer; 101 as
@@ -105,11 +111,19 @@ class FX20Stream : public DeviceStream {
     DevDBEntry* mDevEntry = nullptr;  ///< changed only while stopped (binding)
     /// List index each ring slot was last submitted on; -1 before. Read thread only.
     int mSlotIndex[kRingSlots] = {-1, -1, -1, -1};
+    /// The caller's buffer of each ring slot, filled when the slot is collected. Read thread
+    /// only.
+    unsigned char* mSlotTarget[kRingSlots] = {};
 
     /// Guarded by the scan lock: written with it held for writing, or for reading by the one
     /// read thread that owns the slot.
     static libusb_transfer* mTransfers[kDevTableSize][kRingSlots];
     static TransferCtx mTransferCtx[kDevTableSize][kRingSlots];
+    /// What USB fills for each transfer. The caller's buffer gets the bytes only when the
+    /// slot is collected: any thread that handles USB events may complete a transfer, and the
+    /// read thread re-queues a slot before it copies the slot's data out. Each buffer belongs
+    /// to the read thread that has its transfer claimed; it only grows, while unclaimed.
+    static std::vector<unsigned char> mSlotBuffers[kDevTableSize][kRingSlots];
 };
 
 }  // namespace evcam

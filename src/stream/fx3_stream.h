@@ -42,7 +42,8 @@ class FX3Stream : public DeviceStream {
     /// Marks the device free. @return 0, 1 when unbound, 4 when not in use.
     DVS_ERROR SetStop() override;
     /// One synchronous bulk read under mRegLock (held for reading), blocking up to the USB
-    /// time-out. @return 0; 14; 102; 107; 1 for null pointers or no handle; 101 when unbound.
+    /// time-out; a stall clears the endpoint's halt. @return 0; 14; 102; 107 (a stall
+    /// included); 1 for null pointers or no handle; 101 when unbound.
     DVS_ERROR ReadRawData(unsigned char* buf, unsigned int len, unsigned int* actual) override;
     /// Register read (three attempts, no trace line) or write of a value I2cValueLen bytes
     /// wide, big-endian. @return 0; 102 when no camera is listed; 101 when unbound; 1 for a

@@ -107,6 +107,11 @@ DVS_ERROR UsbDeviceTable::DVSBulkTransfer(int idx, unsigned char* buf, unsigned 
             return ERR_TIMEOUT;
         case LIBUSB_ERROR_NO_DEVICE:
             return ERR_NO_DEVICE;
+        case LIBUSB_ERROR_PIPE:
+            // A halted endpoint fails every later read at once and so never times out into
+            // DevReset: the halt is cleared here, on the handle the read used.
+            cyusb_clear_halt(handle, kDataEndpoint);
+            return ERR_TRANSFER;
         default:
             return ERR_TRANSFER;
     }

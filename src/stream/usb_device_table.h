@@ -132,8 +132,9 @@ class UsbDeviceTable {
     /// for host-to-device.
     DVS_ERROR DVSControlTransfer(int idx, DataInfo* info, unsigned int timeoutMs);
     /// One synchronous read of endpoint 0x81 into buf, blocking up to timeoutMs; *actual gets
-    /// the bytes moved. @return 0; 14 time-out; 102 device gone; 107 other failures; 1 for null
-    /// pointers, idx < 0, a negative time-out or no handle.
+    /// the bytes moved. A stall clears the endpoint's halt before returning.
+    /// @return 0; 14 time-out; 102 device gone; 107 other failures (a stall included); 1 for
+    ///         null pointers, idx < 0, a negative time-out or no handle.
     DVS_ERROR DVSBulkTransfer(int idx, unsigned char* buf, unsigned int len, unsigned int* actual,
                               int timeoutMs);
     /// Vendor and product ids; 0 for idx < 0 or no handle.
