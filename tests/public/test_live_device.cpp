@@ -173,10 +173,10 @@ INSTANTIATE_TEST_SUITE_P(Kinds, LiveDevice, ::testing::Values(sim::Kind::kFX20, 
 
 TEST_P(LiveDevice, refuses_operations_out_of_order_and_checks_parameters) {
     const int camera = Plug(GetParam());
-    DVS* dvs = DVSManager::CreateDVS(GetParam() == sim::Kind::kFX3 ? DVS_FX3 : DVS_FX20);
-    objects_.push_back(dvs);
-    EXPECT_EQ(dvs->Start(), ERR_INVALID_DEVICE);
-    ASSERT_EQ(DVSManager::BindDevice(dvs, 0), ERR_SUCCESS);
+    DVS* unbound = DVSManager::CreateDVS(GetParam() == sim::Kind::kFX3 ? DVS_FX3 : DVS_FX20);
+    EXPECT_EQ(unbound->Start(), ERR_INVALID_DEVICE);
+    DVSManager::DeleteDVS(unbound);
+    DVS* dvs = Open(GetParam());
     uint32_t u = 0;
     EXPECT_EQ(dvs->Start(), ERR_NO_BIAS_FILE);
     EXPECT_EQ(dvs->GetParameter(PARA_VERSION, &u), ERR_NO_BIAS_FILE);
