@@ -1,10 +1,7 @@
 #include "src/camera/dvs_device.h"
 
-#include <cstring>
-
 #include "src/camera/parameter_check.h"
 #include "src/data/packet_buffer.h"
-#include "src/data/ui_data_buffer.h"
 #include "src/process/packaging.h"
 #include "src/process/packet_parser.h"
 #include "src/record/data_save.h"
@@ -17,15 +14,8 @@ namespace evcam {
 namespace {
 // A live camera keeps many output frames: unlike playback it cannot wait for the consumer.
 constexpr int kDeviceOutputNodes = 50;
-constexpr uint32_t kMaxPPX = 512;
 constexpr uint32_t kMaxPacketCount = 512;
 constexpr uint32_t kMaxTimeoutMs = 10000;
-constexpr uint32_t kMaxFramePeriod = 1000;
-constexpr uint32_t kMinEventCount = 1000;
-constexpr uint32_t kMaxEventCount = 300000;
-constexpr uint32_t kMaxFrameEndCount = 100;
-constexpr int32_t kMaxWidth = 960;
-constexpr int32_t kMaxHeight = 720;
 constexpr uint32_t kStereoBit = 16;
 
 std::unique_ptr<DeviceStream> MakeStream(DVS_TYPE type) {
@@ -37,12 +27,19 @@ std::unique_ptr<DeviceStream> MakeStream(DVS_TYPE type) {
 }  // namespace
 
 DVSDevice::DVSDevice(DVS_TYPE type)
-    : mStream(MakeStream(type)),
-      mParser(std::make_unique<PacketParser>()),
-      mPackaging(std::make_unique<Packaging>()) {}
+    : DVSPipeline({
+          OUT_IMAGE,         // output type
+          kRuleFrameEnds,    // frame rule of a fresh object; a reset one ends frames by period
+          kMaxPacketCount,   // packet count
+          ERR_NO_BIAS_FILE,  // resolution before the bias file gave the version
+          true,              // skip period follows the frame rule
+          false,             // the exporter is told neither frame rate nor size
+          false,             // the callback timer runs at 10 ms under the count rules
+      }),
+      mStream(MakeStream(type)) {}
 
 DVSDevice::~DVSDevice() {
-    if (mRunningStatus != 0) {
+    if (mRunningStatus != kStopped) {
         Stop();
     }
     mStream.reset();
@@ -53,44 +50,21 @@ DVSDevice::~DVSDevice() {
 }
 
 void DVSDevice::Reset() {
-    if (mRunningStatus != 0 || mDeviceIndex < 0) {
+    if (mRunningStatus != kStopped || mDeviceIndex < 0) {
         return;
     }
-    mVersion = SELECT_VERSION;
-    mEventCount = 3000;
-    mFrameEndCount = 2;
-    mFrameRule = 0;
-    mColorFormat = COLOR_RGB24;
-    mColors = kDefaultColors;
-    mWidth = 0;
-    mHeight = 0;
-    mPPX = 2;
+    RestoreDefaults();
     mPacketCount = 64;
-    mOutputType = OUT_IMAGE;
     mWorkMode = 1;
-    mFramePeriod = 10;
     mParser->Reset();
     mStream->Reset();
     mPackaging->Reset();
-}
-
-void DVSDevice::RunSize(int32_t& width, int32_t& height) const {
-    if (mWidth > 0 && mHeight > 0) {
-        width = mWidth;
-        height = mHeight;
-    } else {
-        GetVersionSize(mVersion, width, height);
-    }
 }
 
 DVS_ERROR DVSDevice::SetParameter(PARA_TYPE type, void* value) {
     if (value == nullptr) {
         return ERR_PARA_ERROR;
     }
-    if (type >= PARA_FILE_PERCENT) {
-        return ERR_NOT_SUPPORT;
-    }
-    const bool running = mRunningStatus != 0;
     uint32_t v = 0;
     DVS_ERROR rc = ERR_SUCCESS;
     switch (type) {
@@ -109,70 +83,17 @@ DVS_ERROR DVSDevice::SetParameter(PARA_TYPE type, void* value) {
             return rc;
         }
         case PARA_PPX:
-            if ((rc = CheckU32(value, running, 1, kMaxPPX, v)) != ERR_SUCCESS) {
+            if ((rc = SetPipelineParameter(type, value)) != ERR_SUCCESS) {
                 return rc;
             }
-            mPPX = v;
-            return mStream->SetPPX(v);
-        case PARA_PACKET_COUNT:
-            if ((rc = CheckU32(value, running, 1, kMaxPacketCount, v)) == ERR_SUCCESS) {
-                mPacketCount = v;
-            }
-            return rc;
+            return mStream->SetPPX(mPPX);
         case PARA_TIMEOUT:
             if ((rc = CheckU32(value, false, 1, kMaxTimeoutMs, v)) == ERR_SUCCESS) {
                 mStream->SetTimeout(static_cast<int>(v));
             }
             return rc;
-        case PARA_FRAME_PERIOD:
-            if ((rc = CheckU32(value, false, 1, kMaxFramePeriod, v)) == ERR_SUCCESS) {
-                mFramePeriod = v;
-                mParser->SetSkipPeriod(v);
-                mPackaging->SetFramePeriod(v);
-                mFrameRule = 0;
-            }
-            return rc;
-        case PARA_OUT_TYPE:
-            if ((rc = CheckU32(value, running, 1, 15, v)) == ERR_SUCCESS) {
-                mOutputType = v;
-            }
-            return rc;
-        case PARA_FRAME_MODE:
-            if ((rc = CheckU32(value, false, 0, FRAME_MODE_CALLBACK, v)) == ERR_SUCCESS) {
-                mFrameMode = v;
-                mPackaging->SetFrameMode(static_cast<FRAME_MODE>(v));
-            }
-            return rc;
-        case PARA_RESOLUTION: {
-            const int32_t* wh = static_cast<const int32_t*>(value);
-            if (running) {
-                return ERR_RUNNING;
-            }
-            if (wh[0] < 1 || wh[0] > kMaxWidth || wh[1] < 1 || wh[1] > kMaxHeight) {
-                return ERR_PARA_ERROR;
-            }
-            mWidth = wh[0];
-            mHeight = wh[1];
-            return ERR_SUCCESS;
-        }
-        case PARA_EVENT_COUNT:
-            if ((rc = CheckU32(value, false, kMinEventCount, kMaxEventCount, v)) == ERR_SUCCESS) {
-                mEventCount = v;
-                mPackaging->SetEventCnt(v);
-                mFrameRule = 1;
-                mParser->SetSkipPeriod(0);
-            }
-            return rc;
-        case PARA_FRAME_END_COUNT:
-            if ((rc = CheckU32(value, false, 1, kMaxFrameEndCount, v)) == ERR_SUCCESS) {
-                mFrameEndCount = v;
-                mPackaging->SetFrmEndCnt(v);
-                mFrameRule = 2;
-                mParser->SetSkipPeriod(v);
-            }
-            return rc;
         case PARA_WORK_MODE: {
-            if (running) {
+            if (mRunningStatus != kStopped) {
                 return ERR_RUNNING;
             }
             // Only values above 1 are refused: a negative mode is kept and processes, as 1 does.
@@ -183,18 +104,8 @@ DVS_ERROR DVSDevice::SetParameter(PARA_TYPE type, void* value) {
             mWorkMode = mode;
             return ERR_SUCCESS;
         }
-        case PARA_COLOR_FORMAT:
-            if ((rc = CheckU32(value, false, 0, COLOR_GRAY, v)) == ERR_SUCCESS) {
-                mColorFormat = v;
-                mPackaging->SetColorFormat(static_cast<COLOR_FORMAT>(v));
-            }
-            return rc;
-        case PARA_COLORS:
-            std::memcpy(&mColors, value, sizeof(mColors));
-            mPackaging->SetColor(&mColors);
-            return ERR_SUCCESS;
         default:
-            return ERR_NOT_SUPPORT;
+            return SetPipelineParameter(type, value);
     }
 }
 
@@ -203,23 +114,7 @@ DVS_ERROR DVSDevice::GetParameter(PARA_TYPE type, void* value) {
         return ERR_PARA_ERROR;
     }
     uint32_t* u = static_cast<uint32_t*>(value);
-    int32_t* wh = static_cast<int32_t*>(value);
     switch (type) {
-        case PARA_PPX:
-            *u = mPPX;
-            return ERR_SUCCESS;
-        case PARA_PACKET_COUNT:
-            *u = mPacketCount;
-            return ERR_SUCCESS;
-        case PARA_FRAME_PERIOD:
-            *u = mFramePeriod;
-            return ERR_SUCCESS;
-        case PARA_OUT_TYPE:
-            *u = mOutputType;
-            return ERR_SUCCESS;
-        case PARA_FRAME_MODE:
-            *u = mFrameMode;
-            return ERR_SUCCESS;
         case PARA_VERSION:
             if (mDeviceIndex < 0) {
                 return ERR_INVALID_DEVICE;
@@ -235,65 +130,20 @@ DVS_ERROR DVSDevice::GetParameter(PARA_TYPE type, void* value) {
             }
             *u = (static_cast<uint32_t>(mVersion) & kStereoBit) != 0 ? 2 : 1;
             return ERR_SUCCESS;
-        case PARA_RESOLUTION:
-            if (mWidth > 0 && mHeight > 0) {
-                wh[0] = mWidth;
-                wh[1] = mHeight;
-                return ERR_SUCCESS;
-            }
-            if (mVersion == SELECT_VERSION) {
-                return ERR_NO_BIAS_FILE;
-            }
-            GetVersionSize(mVersion, wh[0], wh[1]);
-            return ERR_SUCCESS;
-        case PARA_SENSOR_SIZE:
-            if (mVersion == SELECT_VERSION) {
-                return ERR_UNKNOWN_VERSION;
-            }
-            GetVersionSize(mVersion, wh[0], wh[1]);
-            return ERR_SUCCESS;
-        case PARA_COLOR_FORMAT:
-            *u = mColorFormat;
-            return ERR_SUCCESS;
-        case PARA_COLORS:
-            std::memcpy(value, &mColors, sizeof(mColors));
-            return ERR_SUCCESS;
         default:
-            return ERR_NOT_SUPPORT;
+            return GetPipelineParameter(type, value);
     }
 }
 
 DVS_ERROR DVSDevice::SetCallBack(CALLBACK_TYPE type, void* function, void* user) {
-    if (function == nullptr || type > CALLBACK_TOTAL_COUNT) {
-        return ERR_PARA_ERROR;
+    if (function != nullptr && type == CALLBACK_USB_DATA_RATE) {
+        return mStream->SetUsbDataRateCbk(reinterpret_cast<UsbDataRateCallback>(function), user);
     }
-    switch (type) {
-        case CALLBACK_FRAME:
-            mFrameCallback = reinterpret_cast<FrameCallback>(function);
-            mFrameCallbackUser = user;
-            return ERR_SUCCESS;
-        case CALLBACK_USB_DATA_RATE:
-            return mStream->SetUsbDataRateCbk(reinterpret_cast<UsbDataRateCallback>(function),
-                                              user);
-        case CALLBACK_FRAME_RATE:
-            return mPackaging->SetFrameRateCallback(reinterpret_cast<RateCallback>(function), user);
-        case CALLBACK_PKT_BUF_DROP:
-            return mStream->SetPktBufDropCbk(reinterpret_cast<PacketDropCallback>(function), user);
-        // The parse thread calls these without a lock: they change only between runs.
-        case CALLBACK_RAW_FPS:
-            if (mRunningStatus != 0) {
-                return ERR_RUNNING;
-            }
-            return mParser->SetRawFpsCallback(reinterpret_cast<RateCallback>(function), user);
-        case CALLBACK_TOTAL_COUNT:
-            if (mRunningStatus != 0) {
-                return ERR_RUNNING;
-            }
-            return mParser->SetTotalCountCallback(reinterpret_cast<TotalCountCallback>(function),
-                                                  user);
-        default:  // the end-of-file notice belongs to playback
-            return ERR_PARA_ERROR;
+    if (function != nullptr && type == CALLBACK_PKT_BUF_DROP) {
+        return mStream->SetPktBufDropCbk(reinterpret_cast<PacketDropCallback>(function), user);
     }
+    // The end-of-file notice belongs to playback: refused here as unknown.
+    return SetPipelineCallBack(type, function, user);
 }
 
 DVS_ERROR DVSDevice::BindDevice(int index) {
@@ -321,33 +171,6 @@ DVS_ERROR DVSDevice::DropFrame() {
     return mPackaging->DropFrame();
 }
 
-DVS_ERROR DVSDevice::GetFrame(OUT_TYPE type, DVSUIData* data, unsigned char& count) {
-    if (data == nullptr) {
-        return ERR_PARA_ERROR;
-    }
-    if (!mUIDataBuffer) {
-        return ERR_NOT_START;
-    }
-    if (mFrameMode == FRAME_MODE_CALLBACK) {
-        return ERR_FRAME_MODE;
-    }
-    return mPackaging->GetFrame(type, data, count);
-}
-
-void DVSDevice::FreeRunBuffers() {
-    mStream->SetPacketBuffer(nullptr);
-    mPackaging->SetUIDataBuffer(nullptr, nullptr);
-    if (mUIDataBuffer) {
-        mUIDataBuffer->UnregisterDataHandle(mDataHandle);
-        mDataHandle = nullptr;
-        mUIDataBuffer.reset();
-    }
-    if (mPacketBuffer) {
-        mPacketBuffer->SetProcessStatus(false);
-        mPacketBuffer.reset();
-    }
-}
-
 DVS_ERROR DVSDevice::Start() {
     if (mDeviceIndex < 0 || mDeviceIndex > 2) {
         return ERR_INVALID_DEVICE;
@@ -355,81 +178,36 @@ DVS_ERROR DVSDevice::Start() {
     if (mVersion == SELECT_VERSION) {
         return ERR_NO_BIAS_FILE;
     }
-    if (mRunningStatus != 0) {
+    if (mRunningStatus != kStopped) {
         return ERR_ALREADY_DONE;
     }
-    int32_t width = 0;
-    int32_t height = 0;
-    RunSize(width, height);
-    mParser->SetResolution(width, height);
-    const int packetSize = mStream->GetReadSize();
-
+    SizeParser();
     if (mWorkMode != 0) {
-        mPacketBuffer = std::make_unique<PacketBuffer>(static_cast<int>(mPacketCount), packetSize);
+        BuildRun(mStream->GetReadSize(), kDeviceOutputNodes, true);
         mStream->SetPacketBuffer(mPacketBuffer.get());
-        mPacketBuffer->SetProcessStatus(true);
-        mUIDataBuffer = std::make_unique<UIDataBuffer>(kDeviceOutputNodes, mVersion, mOutputType,
-                                                       width, height);
-        mUIDataBuffer->RegisterDataHandle(mDataHandle);
-        mParser->SetAddEventCallBack(&Packaging::AddEvent, mPackaging.get());
-        mParser->SetPacketBuffer(mPacketBuffer.get());
-
-        mPackaging->Reset();
-        switch (mFrameRule) {
-            case 1:
-                mPackaging->SetEventCnt(mEventCount);
-                mParser->SetSkipPeriod(0);
-                break;
-            case 2:
-                mPackaging->SetFrmEndCnt(mFrameEndCount);
-                mParser->SetSkipPeriod(mFrameEndCount);
-                break;
-            default:
-                mPackaging->SetFramePeriod(mFramePeriod);
-                mParser->SetSkipPeriod(mFramePeriod);
-                break;
-        }
-        mPackaging->SetFrameMode(static_cast<FRAME_MODE>(mFrameMode));
-        mPackaging->SetUIDataBuffer(mUIDataBuffer.get(), mDataHandle);
-        mPackaging->SetColorFormat(static_cast<COLOR_FORMAT>(mColorFormat));
-        mPackaging->SetColor(&mColors);
-        mPackaging->SetState(true);
-        if (mFrameRule == 1) {
-            mPackaging->SetEventCnt(mEventCount);
-        } else if (mFrameRule == 2) {
-            mPackaging->SetFrmEndCnt(mFrameEndCount);
-        }
     }
-
     DVS_ERROR rc = mStream->Start();
     if (rc != ERR_SUCCESS) {
         // Nothing runs yet: a refused start leaves no pool behind.
-        mPackaging->SetState(false);
-        FreeRunBuffers();
+        EndRun(*mStream);
         return rc;
     }
     if (mWorkMode != 0) {
         rc = mParser->Start();
         if (rc != ERR_SUCCESS) {
-            mPackaging->SetState(false);
             mStream->SetPacketBuffer(nullptr);
             mStream->Stop();
-            FreeRunBuffers();
+            EndRun(*mStream);
             return rc;
         }
-        if (mFrameMode == FRAME_MODE_CALLBACK) {
-            if (mFrameCallback != nullptr) {
-                mPackaging->SetCallback(mFrameCallback, mFrameCallbackUser);
-            }
-            mPackaging->StartCallbackTimer();
-        }
+        StartDelivery();
     }
-    mRunningStatus = 1;
+    mRunningStatus = kRunning;
     return ERR_SUCCESS;
 }
 
 DVS_ERROR DVSDevice::Stop() {
-    if (mRunningStatus == 0) {
+    if (mRunningStatus == kStopped) {
         return ERR_ALREADY_DONE;
     }
     StopSaving();
@@ -439,23 +217,18 @@ DVS_ERROR DVSDevice::Stop() {
     if (rc != ERR_SUCCESS) {
         return rc;
     }
-    mPackaging->SetState(false);
     if (mWorkMode != 0) {
-        rc = mParser->Stop();
+        rc = EndRun(*mStream);
         if (rc != ERR_SUCCESS) {
             return rc;
         }
-        // Also when the frame mode changed while running: a timer that was never started
-        // returns at once, and one that was must not outlive the pool it reads.
-        mPackaging->StopCallbackTimer();
-        FreeRunBuffers();
     }
-    mRunningStatus = 0;
+    mRunningStatus = kStopped;
     return ERR_SUCCESS;
 }
 
 DVS_ERROR DVSDevice::StartSaving(const char* path) {
-    if (mRunningStatus == 0) {
+    if (mRunningStatus == kStopped) {
         return ERR_NOT_START;
     }
     if (mDataSave) {
@@ -500,7 +273,7 @@ DVS_ERROR DVSDevice::SetSavingNoneSpaceCbk(NoSpaceCallback callback, void* user)
 }
 
 DVS_ERROR DVSDevice::StartFrameSaving(const char* path, int mode) {
-    if (mRunningStatus == 0 || !mUIDataBuffer) {
+    if (mRunningStatus == kStopped || !mUIDataBuffer) {
         return ERR_NOT_START;
     }
     if (mMatSave) {
@@ -509,31 +282,7 @@ DVS_ERROR DVSDevice::StartFrameSaving(const char* path, int mode) {
     if (path == nullptr || path[0] == '\0') {
         return ERR_PARA_ERROR;
     }
-    mMatSave = std::make_unique<MatSave>();
-    mMatSave->SetVersion(mVersion);
-    mMatSave->SetSaveMode(mode);
-    const DVS_ERROR rc = mMatSave->StartSaving(path, mUIDataBuffer.get());
-    if (rc != ERR_SUCCESS) {
-        mMatSave.reset();
-    }
-    return rc;
-}
-
-DVS_ERROR DVSDevice::StopFrameSaving() {
-    if (!mMatSave) {
-        return ERR_ALREADY_DONE;
-    }
-    mMatSave->StopSaving();
-    mMatSave.reset();
-    return ERR_SUCCESS;
-}
-
-void DVSDevice::ResetTotalCount() {
-    mParser->ResetTotalCount();
-}
-
-void DVSDevice::GetTotalCounts(unsigned long& events, unsigned long& frames) {
-    mParser->GetTotalCounts(events, frames);
+    return StartExporter(path, mode, false);
 }
 
 DVS_ERROR DVSDevice::ScanFX20Device(USBDevice** list, int& count) {
