@@ -3,6 +3,8 @@
 #include <csignal>
 #include <cstdio>
 
+#include "progress_line.h"
+
 namespace evcam::tool {
 
 namespace {
@@ -60,6 +62,10 @@ DvsHandle OpenCamera(const CameraOptions& o, const char* command) {
     std::printf("camera %u (%s) %s\n", chosen->mDevId, KindName(chosen->mDevType),
                 chosen->mDescriptor);
     return dvs;
+}
+
+std::string LinkNotices::RateText() const {
+    return lastNotice > 0 ? HumanBytes(kibPerSecond * 1024) + "/s" : "-";
 }
 
 bool LinkNotices::Attach(DVS* dvs, const char* command) {

@@ -40,6 +40,8 @@ struct LinkNotices {
     std::atomic<double> lastNotice{0};  ///< seconds since Attach at the latest notice
     std::chrono::steady_clock::time_point attached;
 
+    /// "12.3 MB/s" as the latest notice said, or "-" before the first one (about a second).
+    std::string RateText() const;
     /// Registers the rate and drop callbacks on dvs. @return true when both took.
     bool Attach(DVS* dvs, const char* command);
 };

@@ -52,10 +52,9 @@ int RunLive(const LiveOptions& o) {
         if (Since(start) >= reported + 1) {
             ++reported;
             const uint64_t frames = tally.frames.load();
-            std::printf("  %3d s  %llu frames/s  rate %s/s  dropped %lu of %lu packets\n", reported,
+            std::printf("  %3d s  %llu frames/s  rate %s  dropped %lu of %lu packets\n", reported,
                         static_cast<unsigned long long>(frames - lastFrames),
-                        HumanBytes(link.kibPerSecond * 1024).c_str(), link.dropped.load(),
-                        link.offered.load());
+                        link.RateText().c_str(), link.dropped.load(), link.offered.load());
             std::fflush(stdout);
             lastFrames = frames;
         }

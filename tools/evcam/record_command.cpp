@@ -88,8 +88,7 @@ int RunRecord(const RecordOptions& o) {
         }
         if (Since(start) >= reported + 1) {
             ++reported;
-            std::printf("  %3d s  rate %s/s  recorded %s", reported,
-                        HumanBytes(link.kibPerSecond * 1024).c_str(),
+            std::printf("  %3d s  rate %s  recorded %s", reported, link.RateText().c_str(),
                         HumanBytes(static_cast<double>(SizeOf(Recordings(o.dir), before))).c_str());
             if (o.process) {
                 std::printf("  frames %llu  dropped %lu of %lu packets",
