@@ -25,14 +25,13 @@ class LibusbBackendTest : public testing::Test {
     }
 };
 
-TEST_F(LibusbBackendTest, finds_no_camera_and_fails_cleanly_on_missing_handles) {
+TEST_F(LibusbBackendTest, finds_no_camera_and_fails_cleanly_on_missing_handles_and_transfers) {
     LibusbBackend backend;
     for (const uint16_t pid : kPids) {
         const int found = backend.Open(kVid, pid);
         if (found > 0) {
             GTEST_SKIP() << "a camera is attached";
         }
-        EXPECT_LE(found, 0);
         EXPECT_EQ(backend.GetHandle(kVid, pid, 0), nullptr);
         EXPECT_EQ(backend.GetHandle(kVid, pid, -1), nullptr);
     }
@@ -47,11 +46,30 @@ TEST_F(LibusbBackendTest, finds_no_camera_and_fails_cleanly_on_missing_handles) 
     backend.Close(kVid, kPids[0]);
     backend.Close(kVid, kPids[0]);
     backend.Close(kVid, kPids[1]);
+
+    // A transfer on a handle outside the list is refused.
+    libusb_transfer* transfer = backend.AllocTransfer();
+    ASSERT_NE(transfer, nullptr);
+    unsigned char buffer[512];
+    transfer->endpoint = 0x81;
+    transfer->type = LIBUSB_TRANSFER_TYPE_BULK;
+    transfer->length = 512;
+    transfer->buffer = buffer;
+    EXPECT_EQ(backend.SubmitTransfer(transfer), LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(backend.CancelTransfer(transfer), LIBUSB_ERROR_NOT_FOUND);
+    timeval none{0, 0};
+    EXPECT_EQ(backend.HandleEventsTimeoutCompleted(&none, nullptr), 0);
+    backend.FreeTransfer(transfer);
+    backend.FreeTransfer(nullptr);
 }
 
-// The transports' own code over the real backend: scans return cleanly with nothing, and a
-// stream cannot be bound to a camera no scan has found.
-TEST_F(LibusbBackendTest, transports_scan_nothing_and_refuse_to_bind) {
+// Without EVCAM_SIM and before any use of evcam/sim.h, the first USB call settles on libusb for
+// good; the transports' scans then return cleanly with nothing, and nothing can be bound.
+TEST_F(LibusbBackendTest, the_process_uses_libusb_scans_nothing_and_refuses_the_simulator) {
+    EXPECT_NE(dynamic_cast<LibusbBackend*>(&ActiveUsbBackend()), nullptr);
+    EXPECT_LE(cyusb_open(kVid, kPids[0]), 0);
+    EXPECT_EQ(cyusb_gethandle(kVid, kPids[0], 0), nullptr);
+    cyusb_close(kVid, kPids[0]);
     for (auto scan : {&FX20Stream::ScanDVSDevice, &FX3Stream::ScanDVSDevice}) {
         USBDevice* list = nullptr;
         int count = -1;
@@ -68,32 +86,6 @@ TEST_F(LibusbBackendTest, transports_scan_nothing_and_refuse_to_bind) {
     EXPECT_EQ(fx20.SetDVSID(0), ERR_INVALID_DEVICE);
     EXPECT_EQ(fx3.SetDVSID(1), ERR_INVALID_DEVICE);
     EXPECT_EQ(fx20.SetDVSID(3), ERR_PARA_ERROR);
-}
-
-TEST_F(LibusbBackendTest, transfer_calls_refuse_a_handle_outside_the_list) {
-    LibusbBackend backend;
-    libusb_transfer* transfer = backend.AllocTransfer();
-    ASSERT_NE(transfer, nullptr);
-    unsigned char buffer[512];
-    transfer->endpoint = 0x81;
-    transfer->type = LIBUSB_TRANSFER_TYPE_BULK;
-    transfer->length = 512;
-    transfer->buffer = buffer;
-    EXPECT_EQ(backend.SubmitTransfer(transfer), LIBUSB_ERROR_NO_DEVICE);
-    EXPECT_EQ(backend.CancelTransfer(transfer), LIBUSB_ERROR_NOT_FOUND);
-    timeval none{0, 0};
-    EXPECT_EQ(backend.HandleEventsTimeoutCompleted(&none, nullptr), 0);
-    backend.FreeTransfer(transfer);
-    backend.FreeTransfer(nullptr);
-}
-
-// The process's own choice: without EVCAM_SIM and before any use of evcam/sim.h, the first USB
-// call settles on libusb for good.
-TEST_F(LibusbBackendTest, the_process_uses_libusb_and_refuses_the_simulator_after) {
-    EXPECT_NE(dynamic_cast<LibusbBackend*>(&ActiveUsbBackend()), nullptr);
-    EXPECT_LE(cyusb_open(kVid, kPids[0]), 0);
-    EXPECT_EQ(cyusb_gethandle(kVid, kPids[0], 0), nullptr);
-    cyusb_close(kVid, kPids[0]);
     EXPECT_EQ(sim::Enable(), ERR_FUNCTION_DISABLED);
     EXPECT_EQ(sim::Configure("fx20"), ERR_FUNCTION_DISABLED);
     EXPECT_EQ(sim::Plug(sim::CameraConfig()), -1);

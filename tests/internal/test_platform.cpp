@@ -5,40 +5,29 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "evcam/platform.h"
+#include "tests/support/test_support.h"
 
 namespace evcam {
 namespace {
 
-namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 // Timer callbacks may still run just after DVSRemoveEvent returns, so what they touch lives
 // for the whole process.
-std::atomic<int> gFired[3];
+std::atomic<int> gOnce, gPeriodic, gZero;
 std::atomic<int> gIdle;  // argument of timers that are removed long before they expire
 
 void CountFire(void* arg) {
     static_cast<std::atomic<int>*>(arg)->fetch_add(1);
-}
-
-template <typename Pred>
-bool WaitFor(Pred pred) {
-    const auto end = Clock::now() + std::chrono::seconds(5);
-    while (!pred() && Clock::now() < end) {
-        std::this_thread::sleep_for(milliseconds(1));
-    }
-    return pred();
 }
 
 // POSIX timers the kernel holds for this process, or -1 where it does not tell.
@@ -67,14 +56,7 @@ int FreeTimerSlots() {
     return static_cast<int>(handles.size());
 }
 
-// A fresh folder under the system's temporary one, removed with its content.
-struct TempDir {
-    std::string pattern = (fs::temp_directory_path() / "evcam_platform_XXXXXX").string();
-    const fs::path path{mkdtemp(pattern.data())};
-    ~TempDir() { fs::remove_all(path); }
-};
-
-TEST(Timers, sixteen_slots_then_limit_and_lowest_free_slot_is_reused) {
+TEST(Timers, sixteen_slots_then_limit_lowest_free_slot_reused_and_bad_arguments_give_1) {
     const int kernelStart = KernelTimerCount();
     void* handles[kTimerSlots] = {};
     for (void*& h : handles) {
@@ -85,10 +67,7 @@ TEST(Timers, sixteen_slots_then_limit_and_lowest_free_slot_is_reused) {
     void* extra = &extra;
     EXPECT_EQ(DVSTimeSetEvent(10, CountFire, &gIdle, 1, &extra), ERR_TIMER_LIMIT);
     EXPECT_EQ(extra, &extra);
-    if (kernelTimers) {
-        EXPECT_EQ(KernelTimerCount(), kernelStart + kTimerSlots);
-    }
-
+    EXPECT_TRUE(!kernelTimers || KernelTimerCount() == kernelStart + kTimerSlots);
     ASSERT_EQ(DVSRemoveEvent(nullptr, handles[9]), ERR_SUCCESS);
     ASSERT_EQ(DVSRemoveEvent(nullptr, handles[4]), ERR_SUCCESS);
     for (int i : {4, 9}) {
@@ -99,21 +78,14 @@ TEST(Timers, sixteen_slots_then_limit_and_lowest_free_slot_is_reused) {
     for (void* h : handles) {
         EXPECT_EQ(DVSRemoveEvent(nullptr, h), ERR_SUCCESS);
     }
-    if (kernelTimers) {
-        EXPECT_EQ(KernelTimerCount(), kernelStart);
-    }
-}
+    EXPECT_TRUE(!kernelTimers || KernelTimerCount() == kernelStart);
 
-TEST(Timers, bad_arguments_and_unknown_handles_give_1) {
     void* handle = nullptr;
     EXPECT_EQ(DVSTimeSetEvent(10, nullptr, nullptr, 0, &handle), ERR_PARA_ERROR);
     EXPECT_EQ(DVSTimeSetEvent(10, CountFire, &gIdle, 2, &handle), ERR_PARA_ERROR);
     EXPECT_EQ(DVSTimeSetEvent(10, CountFire, &gIdle, 0, nullptr), ERR_PARA_ERROR);
     EXPECT_EQ(handle, nullptr);
-
-    ASSERT_EQ(DVSTimeSetEvent(600000, CountFire, &gIdle, 1, &handle), ERR_SUCCESS);
-    EXPECT_EQ(DVSRemoveEvent(nullptr, handle), ERR_SUCCESS);
-    EXPECT_EQ(DVSRemoveEvent(nullptr, handle), ERR_PARA_ERROR);
+    EXPECT_EQ(DVSRemoveEvent(nullptr, handles[0]), ERR_PARA_ERROR) << "removed twice";
     EXPECT_EQ(DVSRemoveEvent(nullptr, nullptr), ERR_PARA_ERROR);
     int notASlot = 0;
     EXPECT_EQ(DVSRemoveEvent(nullptr, &notASlot), ERR_PARA_ERROR);
@@ -142,26 +114,6 @@ TEST(Timers, refused_timer_gives_13_and_frees_its_slot) {
     EXPECT_EQ(FreeTimerSlots(), kTimerSlots);
 }
 
-TEST(Timers, one_shot_fires_once_and_periodic_until_removed) {
-    std::atomic<int>& once = gFired[0];
-    std::atomic<int>& periodic = gFired[1];
-    once = periodic = 0;
-    void* onceHandle = nullptr;
-    void* periodicHandle = nullptr;
-    ASSERT_EQ(DVSTimeSetEvent(20, CountFire, &once, 0, &onceHandle), ERR_SUCCESS);
-    ASSERT_EQ(DVSTimeSetEvent(5, CountFire, &periodic, 1, &periodicHandle), ERR_SUCCESS);
-    EXPECT_TRUE(WaitFor([&] { return once.load() >= 1 && periodic.load() >= 3; }));
-    ASSERT_EQ(DVSRemoveEvent(nullptr, periodicHandle), ERR_SUCCESS);
-    // Let a callback that was already running finish; then nothing more may arrive.
-    std::this_thread::sleep_for(milliseconds(50));
-    const int afterRemoval = periodic.load();
-    std::this_thread::sleep_for(milliseconds(150));
-    EXPECT_EQ(periodic.load(), afterRemoval);
-    EXPECT_EQ(once.load(), 1);
-    // A one-shot timer keeps its slot after expiring until it is removed.
-    EXPECT_EQ(DVSRemoveEvent(nullptr, onceHandle), ERR_SUCCESS);
-}
-
 // A one-shot callback that removes its own timer and arms the next one, the way frame
 // delivery paces itself.
 struct Chain {
@@ -178,43 +130,48 @@ void ChainPass(void* arg) {
     }
 }
 
-TEST(Timers, callback_may_remove_its_timer_and_arm_the_next) {
-    ASSERT_EQ(DVSTimeSetEvent(20, ChainPass, &gChain, 0, &gChain.handle), ERR_SUCCESS);
-    EXPECT_TRUE(WaitFor([] { return gChain.passes.load() == 3; }));
-    EXPECT_EQ(FreeTimerSlots(), kTimerSlots);
-}
-
-TEST(Timers, period_zero_holds_a_slot_but_never_fires) {
-    std::atomic<int>& fired = gFired[2];
-    fired = 0;
+// A zero period arms nothing but holds a slot; a one-shot timer keeps its slot after expiring.
+TEST(Timers, one_shot_fires_once_periodic_until_removed_zero_never_and_chains_rearm) {
+    void* once = nullptr;
+    void* periodic = nullptr;
     void* zero = nullptr;
-    ASSERT_EQ(DVSTimeSetEvent(0, CountFire, &fired, 1, &zero), ERR_SUCCESS);
-    EXPECT_EQ(FreeTimerSlots(), kTimerSlots - 1);
-    std::this_thread::sleep_for(milliseconds(100));
-    EXPECT_EQ(fired.load(), 0);
+    ASSERT_EQ(DVSTimeSetEvent(20, CountFire, &gOnce, 0, &once), ERR_SUCCESS);
+    ASSERT_EQ(DVSTimeSetEvent(5, CountFire, &gPeriodic, 1, &periodic), ERR_SUCCESS);
+    ASSERT_EQ(DVSTimeSetEvent(0, CountFire, &gZero, 1, &zero), ERR_SUCCESS);
+    ASSERT_EQ(DVSTimeSetEvent(20, ChainPass, &gChain, 0, &gChain.handle), ERR_SUCCESS);
+    EXPECT_TRUE(WaitUntil([] { return gOnce >= 1 && gPeriodic >= 3 && gChain.passes == 3; }));
+    ASSERT_EQ(DVSRemoveEvent(nullptr, periodic), ERR_SUCCESS);
+    // Let a callback that was already running finish; then nothing more may arrive.
+    std::this_thread::sleep_for(milliseconds(50));
+    const int afterRemoval = gPeriodic;
+    std::this_thread::sleep_for(milliseconds(150));
+    EXPECT_EQ(gPeriodic.load(), afterRemoval);
+    EXPECT_EQ(gOnce.load(), 1);
+    EXPECT_EQ(gZero.load(), 0);
+    EXPECT_EQ(FreeTimerSlots(), kTimerSlots - 2);
+    EXPECT_EQ(DVSRemoveEvent(nullptr, once), ERR_SUCCESS);
     EXPECT_EQ(DVSRemoveEvent(nullptr, zero), ERR_SUCCESS);
 }
 
+// A second reader gets in while the first holds the lock, with a marker of its own.
 TEST(Locks, rwlock_marker_is_per_thread_and_follows_the_last_operation) {
     RWLock lock;
-    EXPECT_EQ(RWLock::held(), 0);
+    std::vector<int> markers = {RWLock::held()};
     lock.rdlock();
-    EXPECT_EQ(RWLock::held(), 1);
-    // A second reader gets in while the first holds the lock, with its own marker.
-    int otherMarker = -1;
+    markers.push_back(RWLock::held());
     std::thread([&] {
-        otherMarker = RWLock::held();
+        markers.push_back(RWLock::held());
         lock.rdlock();
-        otherMarker = otherMarker * 10 + RWLock::held();
+        markers.push_back(RWLock::held());
         lock.unlock();
     }).join();
-    EXPECT_EQ(otherMarker, 1);
-    EXPECT_EQ(RWLock::held(), 1);
+    markers.push_back(RWLock::held());
     lock.unlock();
-    EXPECT_EQ(RWLock::held(), 0);
+    markers.push_back(RWLock::held());
     lock.wrlock();
-    EXPECT_EQ(RWLock::held(), 2);
+    markers.push_back(RWLock::held());
     lock.unlock();
+    EXPECT_EQ(markers, (std::vector<int>{0, 1, 0, 1, 1, 0, 2}));
 }
 
 TEST(TimeHelpers, sleep_time_and_local_time) {
@@ -224,7 +181,6 @@ TEST(TimeHelpers, sleep_time_and_local_time) {
     const auto beforeSleep = Clock::now();
     DVSSleep(20);
     EXPECT_GE(Clock::now() - beforeSleep, milliseconds(20));
-
     auto epochMs = [] {
         const auto now = std::chrono::system_clock::now().time_since_epoch();
         return static_cast<uint64_t>(std::chrono::duration_cast<milliseconds>(now).count());
@@ -242,17 +198,18 @@ TEST(TimeHelpers, sleep_time_and_local_time) {
     EXPECT_EQ(mktime(&out), static_cast<time_t>(t));
 }
 
-TEST(Paths, convert_path_turns_backslashes_and_reports_cuts) {
+// Every destination is exactly the size given, so that overruns show.
+TEST(Paths, convert_append_and_complete_stay_within_the_buffer) {
     const struct {
         const char *src, *expected;
         int size, rc;
-    } cases[] = {{"a\\b", "a/b", 4, 0},
-                 {"a\\b", "a/", 3, 1},
-                 {"", "", 8, 0},
-                 {"ab", "", 1, 1},
-                 {"c:\\x\\y.dvs", "c:/x/y.", 8, 1}};
-    for (const auto& c : cases) {
-        std::vector<char> dst(c.size, 'x');  // exactly the size given, so overruns show
+    } converts[] = {{"a\\b", "a/b", 4, 0},
+                    {"a\\b", "a/", 3, 1},
+                    {"", "", 8, 0},
+                    {"ab", "", 1, 1},
+                    {"c:\\x\\y.dvs", "c:/x/y.", 8, 1}};
+    for (const auto& c : converts) {
+        std::vector<char> dst(c.size, 'x');
         EXPECT_EQ(DVSConvertPath(c.src, dst.data(), c.size), c.rc) << c.src << " in " << c.size;
         EXPECT_STREQ(dst.data(), c.expected);
     }
@@ -260,89 +217,95 @@ TEST(Paths, convert_path_turns_backslashes_and_reports_cuts) {
     EXPECT_EQ(DVSConvertPath(nullptr, dst, 8), 1);
     EXPECT_EQ(DVSConvertPath("a", nullptr, 8), 1);
     EXPECT_EQ(DVSConvertPath("a", dst, 0), 1);
-}
 
-TEST(Paths, wcscat_appends_within_the_buffer) {
-    std::vector<char> dst(8, '\0');
-    strcpy(dst.data(), "ab");
-    EXPECT_EQ(DVSWcscat(dst.data(), "cd", 8), 0);
-    EXPECT_STREQ(dst.data(), "abcd");
-    EXPECT_EQ(DVSWcscat(dst.data(), "efghij", 8), 0);
-    EXPECT_STREQ(dst.data(), "abcdefg");
-    // Full buffer, or a size smaller than what it already holds: nothing is written.
-    EXPECT_EQ(DVSWcscat(dst.data(), "z", 8), 0);
-    EXPECT_EQ(DVSWcscat(dst.data(), "z", 2), 0);
-    EXPECT_STREQ(dst.data(), "abcdefg");
-    EXPECT_EQ(DVSWcscat(dst.data(), nullptr, 8), 1);
-}
+    // A full buffer, or a size below what it already holds, takes nothing.
+    const struct {
+        const char* src;
+        int size;
+        const char* expected;
+    } appends[] = {
+        {"cd", 8, "abcd"}, {"efghij", 8, "abcdefg"}, {"z", 8, "abcdefg"}, {"z", 2, "abcdefg"}};
+    std::vector<char> text(8, '\0');
+    strcpy(text.data(), "ab");
+    for (const auto& a : appends) {
+        EXPECT_EQ(DVSWcscat(text.data(), a.src, a.size), 0);
+        EXPECT_STREQ(text.data(), a.expected);
+    }
+    EXPECT_EQ(DVSWcscat(text.data(), nullptr, 8), 1);
 
-TEST(Paths, complete_path_adds_one_trailing_slash_and_alg_filter_is_so) {
     const struct {
         const char *start, *dir;
         unsigned size;
         const char* expected;
-    } cases[] = {{"/data", "/rec", 32, "/data/rec/"},
-                 {"", "/tmp/", 32, "/tmp/"},
-                 {"", "abcde", 6, "abcde"},
-                 {"", "abcdef", 4, "abc"}};
-    for (const auto& c : cases) {
-        std::vector<char> dst(c.size, '\0');  // exactly the size given, so overruns show
-        strcpy(dst.data(), c.start);
-        DVSCompletePath(dst.data(), c.size, c.dir);
-        EXPECT_STREQ(dst.data(), c.expected);
+    } completes[] = {{"/data", "/rec", 32, "/data/rec/"},
+                     {"", "/tmp/", 32, "/tmp/"},
+                     {"", "abcde", 6, "abcde"},
+                     {"", "abcdef", 4, "abc"}};
+    for (const auto& c : completes) {
+        std::vector<char> path(c.size, '\0');
+        strcpy(path.data(), c.start);
+        DVSCompletePath(path.data(), c.size, c.dir);
+        EXPECT_STREQ(path.data(), c.expected);
     }
-    char buf[8] = "xxxxxxx";
+    char filter[8] = "xxxxxxx";
     EXPECT_EQ(DVSGetAlgFilter(nullptr), 0);
-    EXPECT_EQ(DVSGetAlgFilter(buf), 1);
-    EXPECT_STREQ(buf, ".so");
+    EXPECT_EQ(DVSGetAlgFilter(filter), 1);
+    EXPECT_STREQ(filter, ".so");
 }
 
-TEST(Files, find_files_matches_substrings_and_cuts_extensions) {
+TEST(Files, find_files_matches_substrings_and_mkdir_is_owner_only) {
     TempDir dir;
     for (const char* name : {"rec_a.dvs", "rec_b.dvs", "notes.txt", "a.b.dvs"}) {
-        std::ofstream(dir.path / name) << "x";
+        dir.Write(name, "x");
     }
     using Names = std::vector<std::string>;
     int count = 7;
-    auto find = [&](std::string pattern, int maxCount, bool keepExtension, const fs::path& where) {
+    auto find = [&](std::string pattern, int maxCount, bool keepExtension, const std::string& in) {
         char names[8][260];
-        DVSFindFiles(where.c_str(), pattern.data(), names, maxCount, count, keepExtension);
+        DVSFindFiles(in.c_str(), pattern.data(), names, maxCount, count, keepExtension);
         Names found(names, names + std::clamp(count, 0, 8));
         std::sort(found.begin(), found.end());
         return found;
     };
-    EXPECT_EQ(find(".dvs", 8, false, dir.path), (Names{"a", "rec_a", "rec_b"}));
-    EXPECT_EQ(find(".dvs", 8, true, dir.path), (Names{"a.b.dvs", "rec_a.dvs", "rec_b.dvs"}));
-    EXPECT_EQ(find(".dvs", 2, true, dir.path).size(), 2u);
-    EXPECT_EQ(find(".dvs", 0, true, dir.path).size(), 0u);
+    const std::string at = dir.path().string();
+    EXPECT_EQ(find(".dvs", 8, false, at), (Names{"a", "rec_a", "rec_b"}));
+    EXPECT_EQ(find(".dvs", 8, true, at), (Names{"a.b.dvs", "rec_a.dvs", "rec_b.dvs"}));
+    EXPECT_EQ(find(".dvs", 2, true, at).size(), 2u);
+    EXPECT_EQ(find(".dvs", 0, true, at).size(), 0u);
     // "." and ".." are listed like any other entry.
-    const Names all = find(".", 8, true, dir.path);
+    const Names all = find(".", 8, true, at);
     EXPECT_EQ(all.size(), 6u);
     EXPECT_EQ(std::count(all.begin(), all.end(), ".."), 1);
-    EXPECT_EQ(find(".dvs", 8, true, dir.path / "missing").size(), 0u);
+    EXPECT_EQ(find(".dvs", 8, true, dir.File("missing")).size(), 0u);
+
+    const std::string sub = dir.File("sub");
+    ASSERT_EQ(DVSMkdir(sub.c_str()), 0);
+    struct stat st {};
+    ASSERT_EQ(stat(sub.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0077, 0u);
+    EXPECT_EQ(DVSMkdir(sub.c_str()), -1);
+    EXPECT_EQ(DVSMkdir(nullptr), -1);
 }
 
 TEST(Files, open_seek_and_tell_with_64_bit_offsets) {
     TempDir dir;
-    const std::string path = (dir.path / "data.bin").string();
+    const std::string path = dir.File("data.bin");
     FILE* fp = reinterpret_cast<FILE*>(&fp);
     EXPECT_EQ(DVSOpenFile(nullptr, path.c_str(), "wb"), -1);
     EXPECT_EQ(DVSOpenFile(&fp, nullptr, "wb"), -1);
-    EXPECT_EQ(DVSOpenFile(&fp, (dir.path / "missing.bin").c_str(), "rb"), -1);
+    EXPECT_EQ(DVSOpenFile(&fp, dir.File("missing.bin").c_str(), "rb"), -1);
     EXPECT_EQ(fp, nullptr);
     ASSERT_EQ(DVSOpenFile(&fp, path.c_str(), "wb"), 0);
     fwrite("0123456789", 1, 10, fp);
     fclose(fp);
-
     ASSERT_EQ(DVSOpenFile(&fp, path.c_str(), "rb"), 0);
     EXPECT_EQ(DVSSeek64(fp, 0, SEEK_END), 0);
     EXPECT_EQ(DVSTell64(fp), 10);
     EXPECT_EQ(DVSSeek64(fp, 4, SEEK_SET), 0);
-    EXPECT_EQ(fgetc(fp), '4');
     EXPECT_EQ(DVSSeek64(fp, 2, SEEK_CUR), 0);
-    EXPECT_EQ(fgetc(fp), '7');
+    EXPECT_EQ(fgetc(fp), '6');
     EXPECT_EQ(DVSSeek64(fp, 0, 3), -1);
-    EXPECT_EQ(DVSTell64(fp), 8);
     // Positions past 4 GiB survive the round trip (seeking past the end is allowed).
     const long far = 5L * 1024 * 1024 * 1024 + 3;
     EXPECT_EQ(DVSSeek64(fp, far, SEEK_SET), 0);
@@ -350,18 +313,6 @@ TEST(Files, open_seek_and_tell_with_64_bit_offsets) {
     fclose(fp);
     EXPECT_EQ(DVSSeek64(nullptr, 0, SEEK_SET), -1);
     EXPECT_EQ(DVSTell64(nullptr), -1);
-}
-
-TEST(Files, mkdir_is_owner_only_and_fails_when_present) {
-    TempDir dir;
-    const std::string path = (dir.path / "sub").string();
-    ASSERT_EQ(DVSMkdir(path.c_str()), 0);
-    struct stat st {};
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(st.st_mode & 0077, 0u);
-    EXPECT_EQ(DVSMkdir(path.c_str()), -1);
-    EXPECT_EQ(DVSMkdir(nullptr), -1);
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <map>
+#include <numeric>
 #include <set>
 #include <thread>
 #include <vector>
@@ -39,44 +39,75 @@ auto AppendAll(Pool& pool) {
     return nodes;
 }
 
-// ---------------------------------------------------------------------------------------------
-// One thread
-
-TEST(PacketBuffer, node_appended_before_a_consumer_is_switched_on_is_recycled_unseen) {
-    PacketBuffer pool(1, 8);
-    DVSPacket* p = pool.GetAFreeNode();
+// A node appended while no consumer is active is recycled unseen; InitBuffer hands every node
+// back unreferenced, in creation order.
+TEST(PacketBuffer, unread_nodes_are_recycled_and_init_buffer_returns_all_in_creation_order) {
+    PacketBuffer one(1, 8);
+    EXPECT_EQ(one.PutANodeToDataList(nullptr), ERR_NULL_NODE);
+    EXPECT_EQ(one.PutANodeToFreeList(nullptr), ERR_PARA_ERROR);
+    DVSPacket* p = one.GetAFreeNode();
     ASSERT_NE(p, nullptr);
-    EXPECT_EQ(pool.GetAFreeNode(), nullptr);
-    EXPECT_EQ(pool.PutANodeToDataList(p), ERR_SUCCESS);
+    EXPECT_EQ(one.GetAFreeNode(), nullptr);
+    EXPECT_EQ(one.PutANodeToDataList(p), ERR_SUCCESS);
+    one.SetProcessStatus(true);
+    EXPECT_EQ(one.GetADataNode(), nullptr);
+    ASSERT_EQ(one.GetAFreeNode(), p);
+    one.PutANodeToDataList(p);
+    EXPECT_EQ(one.GetADataNode(), p);
+    EXPECT_EQ(one.GetADataNode(), nullptr);
+
+    PacketBuffer pool(3, 32);
+    EXPECT_EQ(pool.GetNodeCount(), 3);
     pool.SetProcessStatus(true);
+    const auto nodes = AppendAll(pool);
+    EXPECT_EQ(std::set<DVSPacket*>(nodes.begin(), nodes.end()).size(), 3u);
+    for (DVSPacket* n : nodes) {
+        EXPECT_EQ(n->mBufferSize, 32);
+        EXPECT_EQ(&n->mPack->mPacket, n);
+    }
+    EXPECT_EQ(pool.InitBuffer(), ERR_SUCCESS);
     EXPECT_EQ(pool.GetADataNode(), nullptr);
-    ASSERT_EQ(pool.GetAFreeNode(), p);
-    pool.PutANodeToDataList(p);
-    EXPECT_EQ(pool.GetADataNode(), p);
-    EXPECT_EQ(pool.GetADataNode(), nullptr);
+    for (DVSPacket* n : nodes) {
+        EXPECT_EQ(n->mPack->GetRefCount(), 0u);
+    }
+    EXPECT_EQ(Drain(pool), nodes);
+    EXPECT_EQ(pool.Initialize(nullptr, 0), ERR_SUCCESS);
 }
 
-TEST(PacketBuffer, a_node_held_by_one_consumer_blocks_every_later_node) {
+// A node still held by one consumer blocks every later node, even released ones; switching a
+// consumer off releases what it had not read.
+TEST(PacketBuffer, recycling_waits_for_the_oldest_held_node_and_a_switched_off_consumer) {
     PacketBuffer pool(3, 8);
     pool.SetProcessStatus(true);
     pool.SetSaveStatus(true);
     const auto nodes = AppendAll(pool);
-    // The parser releases the first node and is switched off, which releases the others.
-    ASSERT_EQ(pool.GetADataNode(), nodes[0]);
+    ASSERT_EQ(pool.GetASaveNode(), nodes[0]);
     pool.PutANodeToFreeList(nodes[0]);
-    pool.SetProcessStatus(false);
+    ASSERT_EQ(pool.GetADataNode(), nodes[0]);
+    pool.SetSaveStatus(false);
+    EXPECT_EQ(pool.GetASaveNode(), nullptr);
     for (DVSPacket* p : nodes) {
-        ASSERT_EQ(pool.GetASaveNode(), p);
         EXPECT_EQ(p->mPack->GetRefCount(), 1u);
     }
-    // The recorder releases the later nodes but keeps the first.
-    pool.PutANodeToFreeList(nodes[1]);
-    pool.PutANodeToFreeList(nodes[2]);
+    // The parser releases the later nodes but keeps the first.
+    for (DVSPacket* p : {nodes[1], nodes[2]}) {
+        ASSERT_EQ(pool.GetADataNode(), p);
+        pool.PutANodeToFreeList(p);
+    }
     EXPECT_EQ(pool.GetAFreeNode(), nullptr);
     pool.PutANodeToFreeList(nodes[0]);
+    const auto freed = Drain(pool);
+    EXPECT_EQ(freed.size(), 3u);
+    for (DVSPacket* p : freed) {
+        pool.PutANodeToDataList(p);
+    }
+    EXPECT_EQ(pool.GetAFreeNode(), nullptr);
+    pool.SetProcessStatus(false);
+    EXPECT_EQ(pool.GetADataNode(), nullptr);
     EXPECT_EQ(Drain(pool).size(), 3u);
 }
 
+// Nodes of size 0 are never grown; a pool without nodes grows its first on demand.
 TEST(PacketBuffer, full_pool_drops_or_grows_by_one_node_of_its_size) {
     PacketBuffer pool(2, 16);
     pool.SetProcessStatus(true);
@@ -93,7 +124,6 @@ TEST(PacketBuffer, full_pool_drops_or_grows_by_one_node_of_its_size) {
     pool.EnableDropData(true);
     EXPECT_EQ(Drain(pool).size(), 3u);
 
-    // Nodes of size 0 are never grown; a pool without nodes grows its first on demand.
     PacketBuffer zeroSized(1, 0);
     PacketBuffer empty(0, 8);
     EXPECT_EQ(empty.InitBuffer(), ERR_BUFFER_INIT);
@@ -106,44 +136,7 @@ TEST(PacketBuffer, full_pool_drops_or_grows_by_one_node_of_its_size) {
     EXPECT_EQ(zeroSized.GetAFreeNode(), nullptr);
 }
 
-TEST(PacketBuffer, switching_a_consumer_off_releases_what_it_had_not_read) {
-    PacketBuffer pool(3, 8);
-    pool.SetProcessStatus(true);
-    pool.SetSaveStatus(true);
-    const auto nodes = AppendAll(pool);
-    // The recorder has read and released the first node; the parser has read nothing.
-    ASSERT_EQ(pool.GetASaveNode(), nodes[0]);
-    pool.PutANodeToFreeList(nodes[0]);
-    pool.SetSaveStatus(false);
-    EXPECT_EQ(pool.GetASaveNode(), nullptr);
-    EXPECT_EQ(pool.GetAFreeNode(), nullptr);
-    for (DVSPacket* p : nodes) {
-        EXPECT_EQ(p->mPack->GetRefCount(), 1u);
-    }
-    pool.SetProcessStatus(false);
-    EXPECT_EQ(pool.GetADataNode(), nullptr);
-    EXPECT_EQ(Drain(pool).size(), 3u);
-}
-
-TEST(PacketBuffer, init_buffer_returns_every_node_unreferenced_in_creation_order) {
-    PacketBuffer pool(3, 32);
-    EXPECT_EQ(pool.GetNodeCount(), 3);
-    pool.SetProcessStatus(true);
-    const auto nodes = AppendAll(pool);
-    EXPECT_EQ(std::set<DVSPacket*>(nodes.begin(), nodes.end()).size(), 3u);
-    for (DVSPacket* p : nodes) {
-        EXPECT_EQ(p->mBufferSize, 32);
-        EXPECT_EQ(&p->mPack->mPacket, p);
-    }
-    EXPECT_EQ(pool.InitBuffer(), ERR_SUCCESS);
-    EXPECT_EQ(pool.GetADataNode(), nullptr);
-    for (DVSPacket* p : nodes) {
-        EXPECT_EQ(p->mPack->GetRefCount(), 0u);
-    }
-    EXPECT_EQ(Drain(pool), nodes);
-    EXPECT_EQ(pool.Initialize(nullptr, 0), ERR_SUCCESS);
-}
-
+// Only the first record of a slot is ever handed out; given nodes join the free list in order.
 TEST(UIDataBuffer, builds_initialised_slots_of_one_record_or_a_stereo_pair) {
     for (DVS_VERSION version : {MVT94QX, MVT94QX_STEREO}) {
         SCOPED_TRACE(version);
@@ -160,73 +153,9 @@ TEST(UIDataBuffer, builds_initialised_slots_of_one_record_or_a_stereo_pair) {
                 EXPECT_EQ(n[j].mUIData->mVersion, version);
                 EXPECT_EQ(n[j].mUIData->mBinSize, 8);
             }
-            // Only the first record of a slot is ever handed out.
             EXPECT_EQ(std::count(slots.begin(), slots.end(), n + 1), 0);
         }
     }
-}
-
-TEST(UIDataBuffer, consumer_sees_only_frames_appended_after_it_registered) {
-    UIDataBuffer pool(2, MVT94QX, OUT_POLARITY, 4, 2);
-    DVSOutputData* a = pool.GetAFreeNode();
-    pool.PutANodeToDataList(a);  // nobody registered: recyclable at once
-    void* early = nullptr;
-    ASSERT_EQ(pool.RegisterDataHandle(early), ERR_SUCCESS);
-    DVSOutputData* b = pool.GetAFreeNode();
-    pool.PutANodeToDataList(b);
-    ASSERT_EQ(pool.GetAFreeNode(), a);
-    pool.PutANodeToDataList(a);
-    void* late = nullptr;
-    ASSERT_EQ(pool.RegisterDataHandle(late), ERR_SUCCESS);
-    EXPECT_EQ(pool.GetADataNode(late), nullptr);
-    EXPECT_EQ(pool.GetAFreeNode(), nullptr);
-
-    ASSERT_EQ(pool.GetADataNode(early), b);
-    pool.PutANodeToFreeList(b);
-    ASSERT_EQ(pool.GetAFreeNode(), b);
-    pool.PutANodeToDataList(b);
-    EXPECT_EQ(pool.GetADataNode(late), b);
-    EXPECT_EQ(pool.GetADataNode(late), nullptr);
-    EXPECT_EQ(pool.GetADataNode(early), a);
-    EXPECT_EQ(pool.GetADataNode(early), b);
-    EXPECT_EQ(a->GetRefCount(), 1u);
-    EXPECT_EQ(b->GetRefCount(), 2u);
-    // Both stay registered: the pool frees their handles with it.
-}
-
-TEST(UIDataBuffer, frame_is_recycled_once_every_consumer_released_it_or_left) {
-    UIDataBuffer pool(3, MVT94QX, OUT_POLARITY, 4, 2);
-    void* reader = nullptr;
-    void* idle = nullptr;
-    ASSERT_EQ(pool.RegisterDataHandle(reader), ERR_SUCCESS);
-    ASSERT_EQ(pool.RegisterDataHandle(idle), ERR_SUCCESS);
-    EXPECT_NE(reader, idle);
-    EXPECT_EQ(pool.GetHandleCount(), 2);
-    const auto frames = AppendAll(pool);
-    for (DVSOutputData* n : frames) {
-        ASSERT_EQ(pool.GetADataNode(reader), n);
-        pool.PutANodeToFreeList(n);
-    }
-    EXPECT_EQ(pool.GetAFreeNode(), nullptr);
-
-    // idle reads and releases the first frame and leaves the other two unread.
-    ASSERT_EQ(pool.GetADataNode(idle), frames[0]);
-    pool.PutANodeToFreeList(frames[0]);
-    EXPECT_EQ(pool.GetAFreeNode(), frames[0]);
-    EXPECT_EQ(pool.GetAFreeNode(), nullptr);
-    EXPECT_EQ(pool.UnregisterDataHandle(idle), ERR_SUCCESS);
-    EXPECT_EQ(pool.GetHandleCount(), 1);
-    EXPECT_EQ(Drain(pool).size(), 2u);
-    // A handle already given back is refused instead of being freed twice.
-    EXPECT_EQ(pool.UnregisterDataHandle(idle), ERR_PARA_ERROR);
-    EXPECT_EQ(pool.UnregisterDataHandle(reader), ERR_SUCCESS);
-}
-
-TEST(Pools, null_arguments_and_external_nodes) {
-    PacketBuffer packets(1, 8);
-    EXPECT_EQ(packets.PutANodeToDataList(nullptr), ERR_NULL_NODE);
-    EXPECT_EQ(packets.PutANodeToFreeList(nullptr), ERR_PARA_ERROR);
-
     UIDataBuffer pool(0, MVT94QX, OUT_POLARITY, 4, 2);
     EXPECT_EQ(pool.PutANodeToDataList(nullptr), ERR_NULL_NODE);
     EXPECT_EQ(pool.PutANodeToFreeList(nullptr), ERR_PARA_ERROR);
@@ -243,18 +172,47 @@ TEST(Pools, null_arguments_and_external_nodes) {
     EXPECT_EQ(Drain(pool), (std::vector<DVSOutputData*>{&a, &b}));
 }
 
+// A consumer sees only frames appended after it registered; a frame is recycled once every
+// consumer released it or left, leaving releases what it had not read.
+TEST(UIDataBuffer, frames_are_recycled_once_every_registered_consumer_released_them) {
+    UIDataBuffer pool(3, MVT94QX, OUT_POLARITY, 4, 2);
+    DVSOutputData* a = pool.GetAFreeNode();
+    pool.PutANodeToDataList(a);  // nobody registered: recyclable at once
+    void* early = nullptr;
+    void* late = nullptr;
+    ASSERT_EQ(pool.RegisterDataHandle(early), ERR_SUCCESS);
+    const auto frames = AppendAll(pool);
+    ASSERT_EQ(frames.size(), 3u);
+    EXPECT_EQ(frames[2], a);
+    ASSERT_EQ(pool.RegisterDataHandle(late), ERR_SUCCESS);
+    EXPECT_NE(early, late);
+    EXPECT_EQ(pool.GetHandleCount(), 2);
+    EXPECT_EQ(pool.GetADataNode(late), nullptr);
+    ASSERT_EQ(pool.GetADataNode(early), frames[0]);
+    pool.PutANodeToFreeList(frames[0]);
+    ASSERT_EQ(pool.GetAFreeNode(), frames[0]);
+    pool.PutANodeToDataList(frames[0]);
+    EXPECT_EQ(frames[0]->GetRefCount(), 2u);
+    EXPECT_EQ(frames[1]->GetRefCount(), 1u);
+    EXPECT_EQ(pool.GetADataNode(late), frames[0]);
+    EXPECT_EQ(pool.GetADataNode(late), nullptr);
+    pool.PutANodeToFreeList(frames[0]);
+    EXPECT_EQ(pool.GetAFreeNode(), nullptr);
+
+    // early leaves with three frames unread; a handle given back is refused instead of being
+    // freed twice.
+    EXPECT_EQ(pool.UnregisterDataHandle(early), ERR_SUCCESS);
+    EXPECT_EQ(pool.GetHandleCount(), 1);
+    EXPECT_EQ(Drain(pool).size(), 3u);
+    EXPECT_EQ(pool.UnregisterDataHandle(early), ERR_PARA_ERROR);
+    EXPECT_EQ(pool.UnregisterDataHandle(late), ERR_SUCCESS);
+}
+
 // ---------------------------------------------------------------------------------------------
-// Threads: one producer and several consumers move stamped nodes through a small pool. A node
-// carries its sequence number and its holder bits, one per consumer that has not released it
-// yet; a node handed out with a bit still set was given away while in use.
-
-constexpr auto kRunLimit = std::chrono::seconds(60);
-constexpr uint64_t kLead = 8;
-
-struct Stamp {
-    uint64_t seq;
-    std::atomic<uint32_t>* holders;
-};
+// Threads: one producer stamps nodes with a sequence number and appends them; each consumer
+// takes them on a thread of its own and checks, when it releases a node, that the stamp is
+// still the one it read (a node handed out again while held would have been restamped). A
+// consumer may quit after some nodes and leave once its unread nodes fill the pool.
 
 uint8_t* StampBytes(DVSPacket* p) {
     return p->mData;
@@ -262,165 +220,107 @@ uint8_t* StampBytes(DVSPacket* p) {
 uint8_t* StampBytes(DVSOutputData* n) {
     return n->mUIData->mImgData;
 }
-
-// How the producer meets a pool with no free node.
-enum class Producer {
-    kWaits,  // retries until a node is free, as file playback does
-    kDrops,  // gives up on that node, as a live camera does
-    kGrows,  // dropping disabled: the pool grows; the producer stays at most kLead nodes ahead
-};
+template <typename Node>
+uint64_t StampOf(Node* n) {
+    uint64_t seq = 0;
+    memcpy(&seq, StampBytes(n), sizeof seq);
+    return seq;
+}
 
 template <typename Node>
 struct Consumer {
     std::function<Node*()> take;
-    // After quitAfter nodes the consumer stops reading, waits until its unread nodes fill the
-    // pool and then calls leave.
     size_t quitAfter = SIZE_MAX;
     std::function<void()> leave;
 };
 
-// The producer appends total nodes; each consumer must see, in order, every node appended (up
-// to where it quit).
+// The producer waits for free nodes, as file playback does, and appends total nodes; each
+// consumer must see every one of them in order, up to where it quit.
 template <typename Pool, typename Node>
-void RunPipeline(Pool& pool, const std::vector<Consumer<Node>>& consumers, Producer mode,
-                 uint64_t total) {
-    const size_t count = consumers.size();
-    const size_t poolNodes = static_cast<size_t>(pool.GetNodeCount());
-    std::map<const void*, std::atomic<uint32_t>> holders;  // the producer's alone
-    std::atomic<bool> done{false};
-    std::atomic<uint32_t> gone{0};  // bits of the consumers that left
+void RunPipeline(Pool& pool, const std::vector<Consumer<Node>>& consumers, uint64_t total) {
+    const auto end = Clock::now() + std::chrono::seconds(60);
     std::atomic<uint64_t> appended{0};
-    std::vector<std::atomic<uint64_t>> read(count);
-    std::vector<std::vector<uint64_t>> seen(count);
+    std::vector<std::vector<uint64_t>> seen(consumers.size());
+    std::vector<int> restamped(consumers.size(), 0);
     std::vector<std::thread> threads;
-    for (size_t c = 0; c < count; ++c) {
+    for (size_t c = 0; c < consumers.size(); ++c) {
         threads.emplace_back([&, c] {
             const Consumer<Node>& me = consumers[c];
-            const auto end = Clock::now() + kRunLimit;
-            while (seen[c].size() < me.quitAfter && Clock::now() < end) {
-                // Once the producer is done, one more look finds the last nodes it appended.
+            while (seen[c].size() < std::min<uint64_t>(me.quitAfter, total) && Clock::now() < end) {
                 Node* n = me.take();
-                if (n == nullptr && done.load() && (n = me.take()) == nullptr) {
-                    break;
-                }
                 if (n == nullptr) {
                     std::this_thread::yield();
                     continue;
                 }
-                Stamp s;
-                memcpy(&s, StampBytes(n), sizeof s);
-                seen[c].push_back(s.seq);
-                s.holders->fetch_and(~(1u << c));
-                pool.PutANodeToFreeList(n);
-                ++read[c];
+                seen[c].push_back(StampOf(n));
                 // Staggered pauses let each consumer fall behind the others in turn.
                 if (seen[c].size() % (700 + 300 * c) == 0) {
                     std::this_thread::sleep_for(std::chrono::milliseconds(1));
                 }
+                restamped[c] += StampOf(n) != seen[c].back() ? 1 : 0;
+                pool.PutANodeToFreeList(n);
             }
-            if (me.quitAfter != SIZE_MAX) {
-                while (appended.load() < me.quitAfter + poolNodes && Clock::now() < end) {
+            if (me.leave) {
+                while (appended < me.quitAfter + pool.GetNodeCount() && Clock::now() < end) {
                     std::this_thread::yield();
                 }
-                gone |= 1u << c;
                 me.leave();
             }
         });
     }
-
-    auto slowest = [&] {
-        uint64_t least = UINT64_MAX;
-        for (const auto& r : read) {
-            least = std::min<uint64_t>(least, r.load());
-        }
-        return least;
-    };
-    std::vector<uint64_t> kept;  // sequence numbers appended, the others were dropped
-    int handedOutWhileHeld = 0;
-    const auto end = Clock::now() + kRunLimit;
-    for (uint64_t seq = 0; appended.load() < total && Clock::now() < end; ++seq) {
-        while (mode == Producer::kGrows && seq >= slowest() + kLead && Clock::now() < end) {
+    for (uint64_t seq = 0; seq < total && Clock::now() < end; ++seq) {
+        Node* n = nullptr;
+        while ((n = pool.GetAFreeNode()) == nullptr && Clock::now() < end) {
             std::this_thread::yield();
-        }
-        Node* n = pool.GetAFreeNode();
-        while (n == nullptr && mode == Producer::kWaits && Clock::now() < end) {
-            std::this_thread::yield();
-            n = pool.GetAFreeNode();
-        }
-        if (n == nullptr && mode == Producer::kDrops) {
-            std::this_thread::yield();
-            continue;
         }
         if (n == nullptr) {
-            break;  // timed out, or the pool did not grow
+            break;
         }
-        std::atomic<uint32_t>& bits = holders[n];
-        const uint32_t counted = ((1u << count) - 1) & ~gone.load();
-        if ((bits.load() & counted) != 0) {
-            ++handedOutWhileHeld;
-        }
-        bits.store(counted);
-        const Stamp s{seq, &bits};
-        memcpy(StampBytes(n), &s, sizeof s);
+        memcpy(StampBytes(n), &seq, sizeof seq);
         pool.PutANodeToDataList(n);
-        kept.push_back(seq);
         ++appended;
     }
-    done = true;
     for (std::thread& t : threads) {
         t.join();
     }
-
     EXPECT_EQ(appended.load(), total) << "the producer timed out";
-    EXPECT_EQ(handedOutWhileHeld, 0);
-    for (size_t c = 0; c < count; ++c) {
-        const size_t want = std::min(kept.size(), consumers[c].quitAfter);
-        EXPECT_TRUE(seen[c] == std::vector<uint64_t>(kept.begin(), kept.begin() + want))
-            << "consumer " << c << " saw " << seen[c].size() << " of " << want << " nodes";
+    for (size_t c = 0; c < consumers.size(); ++c) {
+        std::vector<uint64_t> want(std::min<uint64_t>(consumers[c].quitAfter, total));
+        std::iota(want.begin(), want.end(), 0);
+        EXPECT_TRUE(seen[c] == want) << "consumer " << c << " saw " << seen[c].size() << " nodes";
+        EXPECT_EQ(restamped[c], 0) << "consumer " << c;
     }
-    EXPECT_LE(static_cast<size_t>(pool.GetNodeCount()),
-              mode == Producer::kGrows ? kLead + 1 : poolNodes);
 }
 
-// Parser and recorder; the recorder may stop reading and then be switched off.
-void RunPacketPipeline(Producer mode, size_t recorderQuitsAfter = SIZE_MAX) {
-    PacketBuffer pool(4, sizeof(Stamp));
-    pool.EnableDropData(mode != Producer::kGrows);
+// The recorder stops reading and is switched off; the parser must then see every packet.
+TEST(PacketBufferThreads, both_consumers_see_every_packet_in_order_until_one_is_switched_off) {
+    PacketBuffer pool(4, sizeof(uint64_t));
     pool.SetProcessStatus(true);
     pool.SetSaveStatus(true);
     std::vector<Consumer<DVSPacket>> consumers(2);
     consumers[0].take = [&] { return pool.GetADataNode(); };
     consumers[1].take = [&] { return pool.GetASaveNode(); };
-    consumers[1].quitAfter = recorderQuitsAfter;
+    consumers[1].quitAfter = 3000;
     consumers[1].leave = [&] { pool.SetSaveStatus(false); };
-    RunPipeline(pool, consumers, mode, 20000);
+    RunPipeline(pool, consumers, 20000);
+    EXPECT_EQ(pool.GetNodeCount(), 4);
 }
 
-TEST(PacketBufferThreads, waiting_producer_delivers_every_packet_to_both_consumers_in_order) {
-    RunPacketPipeline(Producer::kWaits);
-}
-
-TEST(PacketBufferThreads, switching_off_a_stalled_recorder_lets_a_dropping_producer_refill) {
-    RunPacketPipeline(Producer::kDrops, 500);
-}
-
-TEST(PacketBufferThreads, growing_pool_recycles_grown_nodes_like_the_others) {
-    RunPacketPipeline(Producer::kGrows);
-}
-
-// The third consumer quits and unregisters; the producer waits for free slots, so it stalls
-// for good unless unregistering released the frames the quitter never read.
+// The third consumer quits and unregisters; the producer stalls for good unless unregistering
+// released the frames the quitter never read.
 TEST(UIDataBufferThreads, every_registered_consumer_sees_every_frame_once_in_order) {
     UIDataBuffer pool(4, MVT94QX, OUT_IMAGE, 4, 2);
-    std::vector<Consumer<DVSOutputData>> consumers(3);
+    std::vector<Consumer<DVSOutputData>> consumers(2);
     for (Consumer<DVSOutputData>& c : consumers) {
         void* handle = nullptr;
         ASSERT_EQ(pool.RegisterDataHandle(handle), ERR_SUCCESS);
         c.take = [&pool, handle] { return pool.GetADataNode(handle); };
-        c.leave = [&pool, handle] { pool.UnregisterDataHandle(handle); };
     }
-    consumers[2].quitAfter = 3000;
-    RunPipeline(pool, consumers, Producer::kWaits, 20000);
+    void* quitter = nullptr;
+    ASSERT_EQ(pool.RegisterDataHandle(quitter), ERR_SUCCESS);
+    consumers.push_back({[&pool, quitter] { return pool.GetADataNode(quitter); }, 3000,
+                         [&pool, quitter] { pool.UnregisterDataHandle(quitter); }});
+    RunPipeline(pool, consumers, 20000);
     EXPECT_EQ(pool.GetHandleCount(), 2);
 }
 

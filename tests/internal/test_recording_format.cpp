@@ -1,20 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "src/record/recording_format.h"
+#include "tests/support/test_support.h"
 
 namespace evcam {
 namespace {
-
-namespace fs = std::filesystem;
-using Bytes = std::vector<uint8_t>;
 
 Bytes Join(std::initializer_list<Bytes> parts) {
     Bytes all;
@@ -47,26 +41,11 @@ Bytes Body(size_t groups, size_t mark = 1, uint8_t firstByte = 0x08) {
 
 class RecordingFile : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "evcam-recording-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        mDir = pattern;
-    }
-    void TearDown() override { fs::remove_all(mDir); }
-
-    std::string Write(const std::string& name, const Bytes& bytes) {
-        const std::string path = (mDir / name).string();
-        std::ofstream(path, std::ios::binary)
-            .write(reinterpret_cast<const char*>(bytes.data()),
-                   static_cast<std::streamsize>(bytes.size()));
-        return path;
-    }
-
     DVS_ERROR Check(const std::string& name, const Bytes& bytes, RecordingHeader& header) {
-        return CheckRecordingFile(Write(name, bytes).c_str(), header);
+        return CheckRecordingFile(mDir.Write(name, std::string(bytes.begin(), bytes.end())).c_str(),
+                                  header);
     }
-
-    fs::path mDir;
+    TempDir mDir;
 };
 
 struct CheckCase {
@@ -135,30 +114,25 @@ TEST_F(RecordingFile, check_walks_header_and_body_to_their_verdicts) {
     }
 }
 
-TEST_F(RecordingFile, path_containing_dvs_anywhere_is_read_with_a_header) {
+// A headerless dump is checked with the version the caller states; ".dvs" anywhere in a path
+// means a header.
+TEST_F(RecordingFile, check_of_headerless_dumps_other_paths_and_missing_files) {
+    for (int v : {0, 1, 2, 16, 17}) {
+        RecordingHeader header{5, static_cast<DVS_VERSION>(v)};
+        EXPECT_EQ(Check("take.raw", Body(300), header),
+                  v == 1 || v == 17 ? ERR_SUCCESS : ERR_INVALID_FILE)
+            << v;
+        EXPECT_EQ(header.headerWords, 5);
+        EXPECT_EQ(header.version, v);
+    }
     RecordingHeader header;
     EXPECT_EQ(Check("take.dvs.raw", Join({Hex("7F000200 7F011100"), Body(300)}), header),
               ERR_SUCCESS);
     EXPECT_EQ(header.headerWords, 2);
     EXPECT_EQ(header.version, MVT94QX_STEREO);
-}
-
-TEST_F(RecordingFile, headerless_dump_is_checked_with_the_stated_version) {
-    for (int v : {0, 1, 2, 16, 17}) {
-        SCOPED_TRACE(v);
-        RecordingHeader header{5, static_cast<DVS_VERSION>(v)};
-        EXPECT_EQ(Check("take.raw", Body(300), header),
-                  v == 1 || v == 17 ? ERR_SUCCESS : ERR_INVALID_FILE);
-        EXPECT_EQ(header.headerWords, 5);
-        EXPECT_EQ(header.version, v);
-    }
-}
-
-TEST_F(RecordingFile, check_reports_missing_path_and_unopenable_file) {
-    RecordingHeader header;
     EXPECT_EQ(CheckRecordingFile(nullptr, header), ERR_NO_FILE);
     EXPECT_EQ(CheckRecordingFile("", header), ERR_NO_FILE);
-    EXPECT_EQ(CheckRecordingFile((mDir / "absent.dvs").c_str(), header), ERR_OPEN_FILE);
+    EXPECT_EQ(CheckRecordingFile(mDir.File("absent.dvs").c_str(), header), ERR_OPEN_FILE);
 }
 
 // A recording stopped almost at once is written without complaint but refused by the reader.
@@ -167,10 +141,9 @@ TEST_F(RecordingFile, writer_header_ends_the_reader_walk_after_eight_bytes) {
         for (size_t groups : {247, 300}) {
             SCOPED_TRACE(testing::Message() << v << " " << groups);
             const Bytes body = Body(groups, 2);
-            const std::string path = (mDir / "w.dvs").string();
+            const std::string path = mDir.File("w.dvs");
             ASSERT_EQ(WriteRecordingFile(path.c_str(), v, body.data(), body.size()), ERR_SUCCESS);
-            std::ifstream in(path, std::ios::binary);
-            EXPECT_EQ(Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()),
+            EXPECT_EQ(ReadFileBytes(path),
                       Join({Hex("7F000200 7F01"), {static_cast<uint8_t>(v), 0}, body}));
             const bool full = groups == 300;
             RecordingHeader header;
@@ -183,25 +156,22 @@ TEST_F(RecordingFile, writer_header_ends_the_reader_walk_after_eight_bytes) {
 }
 
 TEST_F(RecordingFile, writer_reports_failed_open_and_short_header_write) {
-    const std::string missingDir = (mDir / "no-such-dir" / "x.dvs").string();
-    EXPECT_EQ(WriteRecordingFile(missingDir.c_str(), MVT94QX, nullptr, 0), ERR_OPEN_FILE);
-    FILE* readOnly = fopen(Write("readonly.dvs", Body(1)).c_str(), "rb");
+    EXPECT_EQ(WriteRecordingFile(mDir.File("no-such-dir/x.dvs").c_str(), MVT94QX, nullptr, 0),
+              ERR_OPEN_FILE);
+    FILE* readOnly = fopen(mDir.Write("readonly.dvs", "abcd").c_str(), "rb");
     ASSERT_NE(readOnly, nullptr);
     EXPECT_EQ(WriteFileHeader(readOnly, MVT94QX), ERR_WRITE_FILE);
     fclose(readOnly);
 }
 
-TEST(RecordingPath, is_a_substring_test_not_an_extension_test) {
+// The first file of a recording has one dash before the version, a follow-on file two.
+TEST(RecordingName, path_test_is_a_substring_test_and_names_carry_time_and_version) {
     for (const char* yes : {"a.dvs", "take.dvs.raw", "/data/x.dvs/plain.bin"}) {
         EXPECT_TRUE(IsRecordingPath(yes)) << yes;
     }
-    for (const char* no : {"a.DVS", "dvs", "a.dv", ""}) {
+    for (const char* no : {"a.DVS", "dvs", "a.dv", "", static_cast<const char*>(nullptr)}) {
         EXPECT_FALSE(IsRecordingPath(no)) << no;
     }
-    EXPECT_FALSE(IsRecordingPath(nullptr));
-}
-
-TEST(RecordingFileName, first_file_has_one_dash_and_follow_on_two) {
     tm t{};
     t.tm_year = 2025 - 1900;
     t.tm_mon = 0;
