@@ -14,12 +14,14 @@
 
 namespace evcam {
 
-/// Plugs a camera of kind on bus at byteRate (0 = as fast as the host reads).
-inline int PlugCamera(sim::Kind kind, uint64_t byteRate = 2000000, int bus = 1,
-                      int packetSize = 0) {
+/// Plugs a camera of kind on bus at byteRate (0 = as fast as the host reads), at address (0 =
+/// the next free one).
+inline int PlugCamera(sim::Kind kind, uint64_t byteRate = 2000000, int bus = 1, int packetSize = 0,
+                      int address = 0) {
     sim::CameraConfig config;
     config.kind = kind;
     config.bus = bus;
+    config.address = address;
     config.byteRate = byteRate;
     config.maxPacketSize = packetSize;
     const int id = EmulatedBus::Instance().Plug(config);

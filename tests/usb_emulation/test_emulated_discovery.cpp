@@ -27,14 +27,7 @@ Records Scan(UsbDeviceTable& table, DVS_ERROR expected = ERR_SUCCESS) {
 }
 
 int Plug(sim::Kind kind, int bus, int address, int packetSize = 0) {
-    sim::CameraConfig config;
-    config.kind = kind;
-    config.bus = bus;
-    config.address = address;
-    config.maxPacketSize = packetSize;
-    const int id = EmulatedBus::Instance().Plug(config);
-    EXPECT_GE(id, 0);
-    return id;
+    return PlugCamera(kind, 2000000, bus, packetSize, address);
 }
 
 // Addresses are never reused in a process and only grow, so each test asks for its own.
